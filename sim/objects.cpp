@@ -1,0 +1,282 @@
+// Kernel objects of the simulated device: last error, tick count and sleep, handles, threads,
+// events, mutexes (named ones shared between processes on the same device folder), waits,
+// critical sections, interlocked operations, process termination, the module file name.
+#include "device.h"
+
+#include <condition_variable>
+#include <cstring>
+#include <thread>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+using namespace sim;
+
+namespace {
+
+Device &dev() {
+    Device *d = Device::current();
+    if (!d) {
+        std::fprintf(stderr, "sim: a system call was made with no simulated device installed\n");
+        std::abort();
+    }
+    return *d;
+}
+
+// Something a thread can wait on.
+struct Waitable : Object {
+    std::mutex m;
+    std::condition_variable cv;
+    // Called under m: true when the object is signalled for the caller; consumes it if it must.
+    virtual bool tryAcquire() = 0;
+    // Waits until signalled or the device time runs out. Returns WAIT_OBJECT_0 or WAIT_TIMEOUT.
+    DWORD wait(DWORD ms) {
+        std::unique_lock<std::mutex> lock(m);
+        if (ms == INFINITE) {
+            cv.wait(lock, [&] { return tryAcquire(); });
+            return WAIT_OBJECT_0;
+        }
+        auto deadline = std::chrono::steady_clock::now() + dev().clock().real(ms);
+        return cv.wait_until(lock, deadline, [&] { return tryAcquire(); }) ? WAIT_OBJECT_0 : WAIT_TIMEOUT;
+    }
+};
+
+struct EventObject : Waitable {
+    bool manual = false;
+    bool signalled = false;
+    const char *type() const override { return "event"; }
+    bool tryAcquire() override {
+        if (!signalled) return false;
+        if (!manual) signalled = false;
+        return true;
+    }
+};
+
+struct ThreadObject : Waitable {
+    bool done = false;
+    DWORD exitCode = 259;  // STILL_ACTIVE
+    int priority = THREAD_PRIORITY_NORMAL;
+    DWORD id = 0;
+    const char *type() const override { return "thread"; }
+    bool tryAcquire() override { return done; }
+};
+
+// A mutex of this process; with a name it is also visible to other processes on the same
+// device folder through a lock file under run/mutex/.
+struct MutexObject : Waitable {
+    std::thread::id owner;
+    int depth = 0;
+    int lockFd = -1;   // shared lock held while the handle is open: marks that the name exists
+    const char *type() const override { return "mutex"; }
+    bool tryAcquire() override {
+        auto me = std::this_thread::get_id();
+        if (depth > 0 && owner != me) return false;
+        owner = me;
+        ++depth;
+        return true;
+    }
+    ~MutexObject() override {
+        if (lockFd >= 0) ::close(lockFd);
+    }
+};
+
+std::mutex g_namedMutex;
+std::map<std::u16string, std::weak_ptr<MutexObject>> g_named;   // this process's named mutexes
+
+std::string mutexFileName(const std::u16string &name) {
+    std::string out;
+    for (char c : lower(utf8(name)))
+        out.push_back((std::isalnum((unsigned char)c) || c == '_' || c == '-') ? c : '_');
+    return out + ".lock";
+}
+
+std::atomic<DWORD> g_nextThreadId{0x100};
+thread_local DWORD t_threadId = 0;
+
+}  // namespace
+
+DWORD WINAPI GetLastError(void) { return sim::lastError(); }
+void WINAPI SetLastError(DWORD e) { sim::setLastError(e); }
+DWORD WINAPI GetTickCount(void) { return dev().clock().ticks(); }
+void WINAPI Sleep(DWORD ms) { dev().clock().sleep(ms); }
+
+BOOL WINAPI CloseHandle(HANDLE h) {
+    if (!dev().objects().close(h)) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return FALSE;
+    }
+    return TRUE;
+}
+
+// ---------------------------------------------------------------- critical sections
+
+void WINAPI InitializeCriticalSection(LPCRITICAL_SECTION cs) { cs->impl = new std::recursive_mutex; }
+void WINAPI DeleteCriticalSection(LPCRITICAL_SECTION cs) {
+    delete static_cast<std::recursive_mutex *>(cs->impl);
+    cs->impl = nullptr;
+}
+void WINAPI EnterCriticalSection(LPCRITICAL_SECTION cs) { static_cast<std::recursive_mutex *>(cs->impl)->lock(); }
+void WINAPI LeaveCriticalSection(LPCRITICAL_SECTION cs) { static_cast<std::recursive_mutex *>(cs->impl)->unlock(); }
+
+// ---------------------------------------------------------------- interlocked
+
+LONG WINAPI InterlockedCompareExchange(LONG volatile *dest, LONG exchange, LONG comperand) {
+    LONG expected = comperand;
+    __atomic_compare_exchange_n(dest, &expected, exchange, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
+    return expected;   // the initial value, as the platform documents
+}
+LONG WINAPI InterlockedIncrement(LONG volatile *p) { return __atomic_add_fetch(p, 1, __ATOMIC_SEQ_CST); }
+LONG WINAPI InterlockedDecrement(LONG volatile *p) { return __atomic_sub_fetch(p, 1, __ATOMIC_SEQ_CST); }
+LONG WINAPI InterlockedExchange(LONG volatile *p, LONG v) { return __atomic_exchange_n(p, v, __ATOMIC_SEQ_CST); }
+
+// ---------------------------------------------------------------- threads
+
+HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES, SIZE_T, LPTHREAD_START_ROUTINE start, LPVOID param,
+                           DWORD, LPDWORD threadId) {
+    auto obj = std::make_shared<ThreadObject>();
+    obj->id = g_nextThreadId.fetch_add(4);
+    if (threadId) *threadId = obj->id;
+    HANDLE h = dev().objects().add(obj);
+    std::thread([obj, start, param] {
+        t_threadId = obj->id;
+        DWORD code = start(param);
+        std::lock_guard<std::mutex> lock(obj->m);
+        obj->exitCode = code;
+        obj->done = true;
+        obj->cv.notify_all();
+    }).detach();
+    return h;
+}
+
+BOOL WINAPI SetThreadPriority(HANDLE h, int priority) {
+    auto t = dev().objects().getAs<ThreadObject>(h);
+    if (h == GetCurrentThread()) return TRUE;
+    if (!t) { SetLastError(ERROR_INVALID_HANDLE); return FALSE; }
+    t->priority = priority;
+    return TRUE;
+}
+
+int WINAPI GetThreadPriority(HANDLE h) {
+    auto t = dev().objects().getAs<ThreadObject>(h);
+    return t ? t->priority : THREAD_PRIORITY_NORMAL;
+}
+
+BOOL WINAPI GetExitCodeThread(HANDLE h, LPDWORD code) {
+    auto t = dev().objects().getAs<ThreadObject>(h);
+    if (!t || !code) { SetLastError(ERROR_INVALID_HANDLE); return FALSE; }
+    std::lock_guard<std::mutex> lock(t->m);
+    *code = t->exitCode;
+    return TRUE;
+}
+
+HANDLE WINAPI GetCurrentThread(void) { return reinterpret_cast<HANDLE>(intptr_t(-2)); }
+DWORD WINAPI GetCurrentThreadId(void) {
+    if (!t_threadId) t_threadId = g_nextThreadId.fetch_add(4);
+    return t_threadId;
+}
+HANDLE WINAPI GetCurrentProcess(void) { return reinterpret_cast<HANDLE>(intptr_t(-1)); }
+DWORD WINAPI GetCurrentProcessId(void) { return DWORD(::getpid()); }
+
+// ---------------------------------------------------------------- events and mutexes
+
+HANDLE WINAPI CreateEventW(LPSECURITY_ATTRIBUTES, BOOL manual, BOOL initial, LPCWSTR) {
+    auto e = std::make_shared<EventObject>();
+    e->manual = manual != FALSE;
+    e->signalled = initial != FALSE;
+    SetLastError(0);
+    return dev().objects().add(e);
+}
+
+static BOOL setEvent(HANDLE h, bool state) {
+    auto e = dev().objects().getAs<EventObject>(h);
+    if (!e) { SetLastError(ERROR_INVALID_HANDLE); return FALSE; }
+    std::lock_guard<std::mutex> lock(e->m);
+    e->signalled = state;
+    if (state) e->cv.notify_all();
+    return TRUE;
+}
+BOOL WINAPI SetEvent(HANDLE h) { return setEvent(h, true); }
+BOOL WINAPI ResetEvent(HANDLE h) { return setEvent(h, false); }
+
+HANDLE WINAPI CreateMutexW(LPSECURITY_ATTRIBUTES, BOOL initialOwner, LPCWSTR lpName) {
+    std::u16string name = sim::wide(lpName);
+    std::shared_ptr<MutexObject> m;
+    bool exists = false;
+    if (!name.empty()) {
+        std::lock_guard<std::mutex> lock(g_namedMutex);
+        auto it = g_named.find(name);
+        if (it != g_named.end()) m = it->second.lock();
+        if (m) {
+            exists = true;
+        } else {
+            m = std::make_shared<MutexObject>();
+            // Another process on the same device holds the name while it keeps a shared lock.
+            fs::path dir = dev().runDir() / "mutex";
+            std::error_code ec;
+            fs::create_directories(dir, ec);
+            fs::path file = dir / mutexFileName(name);
+            int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+            if (fd >= 0) {
+                if (::flock(fd, LOCK_EX | LOCK_NB) != 0) exists = true;   // someone holds it shared
+                ::flock(fd, LOCK_SH);
+                m->lockFd = fd;
+            }
+            g_named[name] = m;
+        }
+    } else {
+        m = std::make_shared<MutexObject>();
+    }
+    if (initialOwner && !exists) {
+        std::lock_guard<std::mutex> lock(m->m);
+        m->tryAcquire();
+    }
+    HANDLE h = dev().objects().add(m);
+    SetLastError(exists ? ERROR_ALREADY_EXISTS : 0);
+    return h;
+}
+
+BOOL WINAPI ReleaseMutex(HANDLE h) {
+    auto m = dev().objects().getAs<MutexObject>(h);
+    if (!m) { SetLastError(ERROR_INVALID_HANDLE); return FALSE; }
+    std::lock_guard<std::mutex> lock(m->m);
+    if (m->depth == 0 || m->owner != std::this_thread::get_id()) {
+        SetLastError(288);  // ERROR_NOT_OWNER
+        return FALSE;
+    }
+    if (--m->depth == 0) m->cv.notify_all();
+    return TRUE;
+}
+
+DWORD WINAPI WaitForSingleObject(HANDLE h, DWORD ms) {
+    auto w = dev().objects().getAs<Waitable>(h);
+    if (!w) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return WAIT_FAILED;
+    }
+    return w->wait(ms);
+}
+
+// ---------------------------------------------------------------- process
+
+BOOL WINAPI TerminateProcess(HANDLE process, UINT code) {
+    if (process != GetCurrentProcess()) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return FALSE;
+    }
+    dev().endProcess(code, "exit");
+}
+
+DWORD WINAPI GetModuleFileNameW(HMODULE, LPWSTR out, DWORD size) {
+    std::u16string path = dev().programPath();
+    if (!out || size == 0) {
+        SetLastError(ERROR_INSUFFICIENT_BUFFER);
+        return 0;
+    }
+    // As CE: the name is cut to the buffer and terminated; the result is the length copied.
+    DWORD n = DWORD(std::min<size_t>(path.size(), size - 1));
+    std::memcpy(out, path.data(), n * sizeof(WCHAR));
+    out[n] = 0;
+    if (n < path.size()) SetLastError(ERROR_INSUFFICIENT_BUFFER);
+    return n;
+}

@@ -1,0 +1,59 @@
+/*
+ * CIniFile: the read-only reader of the framework's INI files (8-bit text, wide file name).
+ * Two ways of reading with different grammars: keyed lookup (getString/getBool/getInt), searched
+ * from the file's start each time, and the one-pass enumeration (enumSections/enumKeys).
+ */
+#ifndef TARSK_PLATFORM_INIFILE_H
+#define TARSK_PLATFORM_INIFILE_H
+
+#include "sal/winapi.h"
+#include "platform/plat_file.h"
+
+class CIniFile;
+
+/* Section callback: 0 stops the enumeration. */
+typedef int (*IniSectionCallback)(void *context, CIniFile *ini, const char *section);
+/* Key callback: the result is ignored. */
+typedef int (*IniKeyCallback)(CIniFile *ini, const char *section, const char *key, const char *value);
+
+#define INI_ENUM_BUFFER_SIZE 2048
+#define INI_SECTION_NAME_SIZE 128
+
+class CIniFile {
+public:
+    CIniFile();
+    virtual ~CIniFile();
+
+    bool open(LPCWSTR fileName);      /* stores the name, opens, readies the enumeration buffer */
+    bool open();                      /* opens the stored name in mode "rb" */
+    void close();
+    void setFileName(LPCWSTR fileName);
+    LPCWSTR getFileName() const { return m_szFileName; }
+    bool isOpen() const { return m_file.IsOpen() != FALSE; }
+
+    bool getString(const char *section, const char *key, char *buffer, int size);
+    bool getBool(const char *section, const char *key, int *value);
+    bool getInt(const char *section, const char *key, int *value);
+
+    bool enumSections(IniSectionCallback callback, void *context);
+    bool enumKeys(const char *section, IniKeyCallback callback);
+
+private:
+    bool findSection(const char *section);
+    bool findKey(const char *key, char *buffer, int size);
+    bool advance();
+
+    WCHAR m_szFileName[MAX_PATH];
+    COSFile m_file;
+    DWORD m_dwReserved;
+    char m_buffer[INI_ENUM_BUFFER_SIZE];
+    int m_nPosition;
+    int m_nCount;
+    bool m_bCompact;                  /* a compaction is pending */
+    char m_szSection[INI_SECTION_NAME_SIZE];
+};
+
+/* The integer conversion of getInt. */
+int ini_atoi(const char *text);
+
+#endif /* TARSK_PLATFORM_INIFILE_H */

@@ -1,0 +1,55 @@
+#include "test_device.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <unistd.h>
+
+namespace testing_support {
+
+TestDevice::TestDevice(const std::string &profile, bool keep) : m_keep(keep) {
+    std::string tmpl = (sim::fs::temp_directory_path() / "tarsk-test-XXXXXX").string();
+    std::vector<char> buf(tmpl.begin(), tmpl.end());
+    buf.push_back('\0');
+    char *made = ::mkdtemp(buf.data());
+    if (!made) std::abort();
+    m_folder = made;
+    if (!profile.empty()) {
+        std::ofstream(m_folder / "device.toml") << profile;
+    }
+    m_dev = std::make_unique<sim::Device>(m_folder);
+    m_dev->clock().setScale(0.01);
+    m_dev->install();
+}
+
+TestDevice::~TestDevice() {
+    m_dev.reset();
+    std::error_code ec;
+    if (!m_keep) sim::fs::remove_all(m_folder, ec);
+}
+
+sim::fs::path TestDevice::host(const std::string &cePath) const {
+    auto p = m_dev->files().resolve(sim::fromUtf8(cePath));
+    return p ? *p : sim::fs::path();
+}
+
+void TestDevice::put(const std::string &cePath, const std::string &bytes) {
+    sim::fs::path p = host(cePath);
+    std::error_code ec;
+    sim::fs::create_directories(p.parent_path(), ec);
+    std::ofstream(p, std::ios::binary) << bytes;
+}
+
+std::string TestDevice::get(const std::string &cePath) const {
+    std::ifstream in(host(cePath), std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+bool TestDevice::exists(const std::string &cePath) const { return m_dev->files().exists(sim::fromUtf8(cePath)); }
+
+std::u16string W(const std::string &s) { return sim::fromUtf8(s); }
+std::string U(const WCHAR *s) { return sim::utf8(s); }
+
+}  // namespace testing_support

@@ -1,0 +1,39 @@
+// A simulated device for one test: a fresh device folder under the system's temporary folder,
+// made from a profile text, installed as the current device and removed at the end.
+#pragma once
+
+#include "device.h"
+
+#include <string>
+#include <vector>
+
+namespace testing_support {
+
+class TestDevice {
+public:
+    // profile: the text of device.toml (may be empty). The clock runs at 0.01 of real time.
+    explicit TestDevice(const std::string &profile = "", bool keep = false);
+    ~TestDevice();
+
+    sim::Device &dev() { return *m_dev; }
+    const sim::fs::path &folder() const { return m_folder; }
+    // The host path of a CE path ("\My Flash Disk\x").
+    sim::fs::path host(const std::string &cePath) const;
+    // Writes or reads a device file by its CE path (folders are made as needed).
+    void put(const std::string &cePath, const std::string &bytes);
+    std::string get(const std::string &cePath) const;
+    bool exists(const std::string &cePath) const;
+    std::vector<nlohmann::json> events(const std::string &name) const { return m_dev->journal().events(name); }
+
+private:
+    sim::fs::path m_folder;
+    std::unique_ptr<sim::Device> m_dev;
+    bool m_keep;
+};
+
+// A wide string literal of the device's WCHAR type from UTF-8.
+std::u16string W(const std::string &s);
+// The UTF-8 text of a WCHAR buffer.
+std::string U(const WCHAR *s);
+
+}  // namespace testing_support
