@@ -68,6 +68,8 @@ public:
     int SetBufferSize(DWORD size);      /* 1 if the buffer was made */
     DWORD Write(const void *buffer, DWORD count);
     BOOL FlushBuffer();                 /* writes the held bytes and flushes the file */
+    int Seek(LONG offset, int origin);  /* writes out what is held first */
+    DWORD GetSize();                    /* writes out what is held first */
 
 private:
     BYTE *m_pBuffer;
@@ -81,6 +83,8 @@ public:
     COSBufferInputFile();
     virtual ~COSBufferInputFile();      /* frees the buffer, closes */
     int SetBufferSize(DWORD size);      /* 1 if the buffer was made (always 1024 bytes) */
+    int Open(LPCWSTR path, LPCWSTR mode); /* drops what is held */
+    void Close();                       /* drops what is held */
     DWORD Read(void *buffer, DWORD count);
     int ReadByte();                     /* the next byte, or -1 at the end */
     int Seek(LONG offset, int origin);  /* drops what is held */
