@@ -41,7 +41,8 @@ public:
 private:
     bool findSection(const char *section);
     bool findKey(const char *key, char *buffer, int size);
-    bool advance();
+    int advance();                    /* one of the INI_ADVANCE_ results of inifile.cpp */
+    void callKey(IniKeyCallback callback, const char *key, const char *value);
 
     WCHAR m_szFileName[MAX_PATH];
     COSFile m_file;
@@ -49,8 +50,8 @@ private:
     char m_buffer[INI_ENUM_BUFFER_SIZE];
     int m_nPosition;
     int m_nCount;
-    bool m_bCompact;                  /* a compaction is pending */
     char m_szSection[INI_SECTION_NAME_SIZE];
+    bool m_bCompact;                  /* a compaction is pending */
 };
 
 /* The integer conversion of getInt. */
