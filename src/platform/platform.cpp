@@ -31,8 +31,6 @@ void os_setLastError(DWORD error) { g_dwLastError = error; }
 
 /* ------------------------------------------------------------------------------ line composer */
 
-#define VL_LINE_SIZE 1280
-#define VL_LINE_CUT 1278
 #define VL_WRITE_SIZE 1024
 
 /* The file name of a source path: what follows its last separator. The device build records
@@ -44,8 +42,7 @@ static const char *vl_baseName(const char *path) {
     return base;
 }
 
-void vl_log(const VLLogRecord &rec, const WCHAR *format, FMT_ARGS_DEF) {
-    WCHAR line[VL_LINE_SIZE];
+int vl_composeLine(WCHAR line[VL_LINE_SIZE], const VLLogRecord &rec, const WCHAR *format, const FmtArgList &args) {
     const char *module = rec.module;
     if (module && strncmp(module, "MODULE_", 7) == 0) module += 7;
     const char *file = vl_baseName(rec.source);
@@ -57,20 +54,23 @@ void vl_log(const VLLogRecord &rec, const WCHAR *format, FMT_ARGS_DEF) {
     else
         prefix = fmt_formatW(line, VL_LINE_SIZE, TEXT("%hs(%d):, %u, %hs, "),
                              FmtArgList(file, rec.line, rec.tick, rec.levelWord));
-    if (prefix < 0) prefix = VL_LINE_CUT;   /* a prefix that filled the line */
 
     int length;
-    if (prefix >= VL_LINE_CUT) {
-        length = VL_LINE_CUT;
+    if (prefix < 0 || prefix >= VL_LINE_CUT) {
+        length = VL_LINE_CUT;   /* a prefix that fills the line */
     } else {
-        int message = fmt_formatW(line + prefix, (size_t)(VL_LINE_SIZE - prefix), format ? format : TEXT(""),
-                                  FmtArgList(FMT_ARGS_PASS));
+        int message = fmt_formatW(line + prefix, (size_t)(VL_LINE_SIZE - prefix), format ? format : TEXT(""), args);
         length = message < 0 ? VL_LINE_CUT : prefix + message;
         if (length > VL_LINE_CUT) length = VL_LINE_CUT;
     }
     if (length == 0 || line[length - 1] != TEXT('\n')) line[length++] = TEXT('\n');
     line[length] = 0;
+    return length;
+}
 
+void vl_log(const VLLogRecord &rec, const WCHAR *format, FMT_ARGS_DEF) {
+    WCHAR line[VL_LINE_SIZE];
+    vl_composeLine(line, rec, format, FmtArgList(FMT_ARGS_PASS));
     /* The writer formats the line once more: deliberate, a '%' that survived is read again. */
     vl_write(line);
 }
@@ -237,6 +237,13 @@ void vl_write(const WCHAR *format, FMT_ARGS_DEF) {
             if (!WriteFile(s.debugPortHandle, narrow, (DWORD)n, &written, NULL)) os_setLastError(GetLastError());
         }
     }
+    LeaveCriticalSection(&g_logLock);
+}
+
+void vl_closeLogFile(void) {
+    vl_enterLock();
+    if (g_logFile != NULL) CloseHandle(g_logFile);
+    g_logFile = NULL;
     LeaveCriticalSection(&g_logLock);
 }
 

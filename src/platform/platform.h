@@ -88,10 +88,17 @@ struct VLLogRecord {
         if (!(cond)) vl_verifyFailed(#cond, __FILE__, __LINE__);                                   \
     } while (0)
 
+#define VL_LINE_SIZE 1280
+#define VL_LINE_CUT 1278
+
+/* Composes a log line: prefix, message, cut at 1278, a line feed at the end. Returns its length. */
+int vl_composeLine(WCHAR line[VL_LINE_SIZE], const VLLogRecord &rec, const WCHAR *format, const FmtArgList &args);
 /* The log call: composes the line and hands it to the writer. Filters nothing itself. */
 void vl_log(const VLLogRecord &rec, const WCHAR *format, FMT_ARGS_DECL);
 /* The writer: formats once more and copies to every enabled sink, under the log lock. */
 void vl_write(const WCHAR *format, FMT_ARGS_DECL);
+/* Closes the log file; the next message opens it again while file logging is on. */
+void vl_closeLogFile(void);
 /* The narrow print: a narrow format widened and handed to the writer with the same arguments. */
 void vl_printA(const char *format, FMT_ARGS_DECL);
 /* The level-indexed log call handed to the device library: tests the level and module bit 0x40. */

@@ -1,0 +1,412 @@
+// The diagnostic log: level and module tests, the line composer and its cut, the writer's second
+// formatting pass, "\r\n" in every sink, the log file numbering, debug.ini and its settings.
+#include "platform/dbgtrace.h"
+#include "platform/inifile.h"
+#include "platform/platform.h"
+#include "test_device.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+using testing_support::TestDevice;
+using testing_support::U;
+using testing_support::W;
+
+namespace {
+
+const char *kProfile = R"(
+[device]
+program = '\My Flash Disk\tarsk\tarsk.exe'
+[registry.'HKLM\Information']
+Internal = '\My Flash Disk'
+External1 = '\Storage Card'
+)";
+
+std::string ring() { return U(vl_ringBuffer(nullptr, nullptr)); }
+
+// Reads debug.ini from the root with the given text and applies section "Log".
+void applyIni(TestDevice &d, const std::string &text) {
+    d.put("\\debug.ini", text);
+    CIniFile ini;
+    ASSERT_TRUE(ini.open(W("\\debug.ini").c_str()));
+    ASSERT_EQ(1, ReadDebugIniFileDbgSettings(&ini, "Log"));
+    ini.close();
+}
+
+std::string utf16le(const std::string &ascii) {
+    std::string out;
+    for (char c : ascii) {
+        out.push_back(c);
+        out.push_back('\0');
+    }
+    return out;
+}
+
+}  // namespace
+
+TEST(LogLevels, CallSiteTestsLevelAndModule) {
+    TestDevice d(kProfile);
+    struct Case {
+        LONG level;
+        DWORD mask;
+        int line;          // level of the message
+        bool module;       // tagged MODULE_PLATFORM
+        bool written;
+    } cases[] = {
+        {LOG_WARNING, 0xFFFF, LOG_ERROR, false, true},
+        {LOG_WARNING, 0xFFFF, LOG_WARNING, false, true},
+        {LOG_WARNING, 0xFFFF, LOG_INFO, false, false},
+        {LOG_WARNING, 0xFFFF, LOG_DEBUG, false, false},
+        {LOG_TRACE, 0xFFFF, LOG_SNAPSHOT, false, true},
+        {LOG_DEBUG, 0xFFFF, LOG_DEBUG, true, true},
+        {LOG_DEBUG, 0x0C, LOG_DEBUG, true, false},
+        {LOG_NONE, 0xFFFF, LOG_ERROR, false, false},
+    };
+    int n = 0;
+    for (const Case &c : cases) {
+        g_vlLogSettings.level = c.level;
+        g_vlLogSettings.moduleMask = c.mask;
+        std::string marker = "case" + std::to_string(n++) + "!";
+        std::u16string text = W(marker);
+        if (c.module) {
+            switch (c.line) {
+            case LOG_DEBUG: VLLOGM(LOG_DEBUG, MODULE_PLATFORM, TEXT("%s"), text.c_str()); break;
+            default: FAIL();
+            }
+        } else {
+            switch (c.line) {
+            case LOG_ERROR: VLLOG(LOG_ERROR, TEXT("%s"), text.c_str()); break;
+            case LOG_WARNING: VLLOG(LOG_WARNING, TEXT("%s"), text.c_str()); break;
+            case LOG_INFO: VLLOG(LOG_INFO, TEXT("%s"), text.c_str()); break;
+            case LOG_DEBUG: VLLOG(LOG_DEBUG, TEXT("%s"), text.c_str()); break;
+            case LOG_SNAPSHOT: VLLOG(LOG_SNAPSHOT, TEXT("%s"), text.c_str()); break;
+            default: FAIL();
+            }
+        }
+        EXPECT_EQ(c.written, ring().find(marker) != std::string::npos) << marker;
+    }
+}
+
+TEST(LogLine, PrefixWithAndWithoutModule) {
+    TestDevice d(kProfile);
+    WCHAR line[VL_LINE_SIZE];
+    VLLogRecord plain(".\\src\\platform\\initfuncs.cpp", "ERROR", nullptr, 843);
+    plain.tick = 51234;
+    vl_composeLine(line, plain, TEXT("boom %d"), FmtArgList(7));
+    EXPECT_EQ("initfuncs.cpp(843):, 51234, ERROR, boom 7\n", U(line));
+
+    VLLogRecord tagged("src/platform/plat_file.cpp", "DEBUG", "MODULE_PLATFORM", 12);
+    tagged.tick = 5;
+    vl_composeLine(line, tagged, TEXT("x\n"), FmtArgList());
+    EXPECT_EQ("plat_file.cpp(12):, 5, PLATFORM-DEBUG, x\n", U(line));
+}
+
+TEST(LogLine, CutAt1278AndLineFeedAdded) {
+    TestDevice d(kProfile);
+    VLLogRecord rec("a.cpp", "ERROR", nullptr, 1);
+    rec.tick = 0;
+    WCHAR line[VL_LINE_SIZE];
+    const int prefix = vl_composeLine(line, rec, TEXT(""), FmtArgList()) - 1;   // without the added "\n"
+
+    struct Case {
+        int message;        // characters of message, no line feed
+        int length;         // resulting line length
+    } cases[] = {
+        {VL_LINE_CUT - prefix - 1, VL_LINE_CUT},       // 1277: gets its "\n"
+        {VL_LINE_CUT - prefix, VL_LINE_CUT + 1},       // exactly 1278: gets one
+        {VL_LINE_CUT - prefix + 1, VL_LINE_CUT + 1},   // cut to 1278 plus "\n"
+        {3000, VL_LINE_CUT + 1},                       // overflowing the buffer: 1278 plus "\n"
+    };
+    for (const Case &c : cases) {
+        std::u16string msg(size_t(c.message), u'm');
+        int length = vl_composeLine(line, rec, msg.c_str(), FmtArgList());
+        EXPECT_EQ(c.length, length) << c.message;
+        EXPECT_EQ(u'\n', line[length - 1]);
+        EXPECT_EQ(0, line[length]);
+        EXPECT_EQ(u'm', line[length - 2]);
+    }
+    // A message that ends in a line feed keeps it and gets no second one.
+    EXPECT_EQ(prefix + 2, vl_composeLine(line, rec, TEXT("y\n"), FmtArgList()));
+}
+
+TEST(LogWriter, SecondPassReadsPercentAgain) {
+    TestDevice d(kProfile);
+    // The argument text survives the first pass as "%%" and "%d"; the writer formats it again,
+    // without arguments: "%%" becomes "%", a conversion with nothing to read stays as it is.
+    VLLOG(LOG_ERROR, TEXT("[%hs]"), "100%% done, %d left");
+    EXPECT_NE(std::string::npos, ring().find("[100% done, %d left]\r\n"));
+}
+
+TEST(LogWriter, RingWrapsAndKeepsTheLastText) {
+    TestDevice d(kProfile);
+    for (int i = 0; i < 60; ++i) vl_write(TEXT("0123456789012345678901234567890123456789\n"));
+    int position = -1;
+    BOOL wrapped = FALSE;
+    const WCHAR *r = vl_ringBuffer(&position, &wrapped);
+    EXPECT_TRUE(wrapped);
+    EXPECT_EQ((60 * 42) % 2047, position);
+    EXPECT_EQ(0, r[position]);
+    EXPECT_EQ(0, r[2047]);
+}
+
+TEST(LogSinks, CarriageReturnInEverySink) {
+    TestDevice d(kProfile);
+    // the debug port is any open handle; here a file
+    HANDLE port = CreateFileW(W("\\port.txt").c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
+    ASSERT_NE(INVALID_HANDLE_VALUE, port);
+    std::strcpy(g_vlLogSettings.fileName, "\\log.txt");
+    g_vlLogSettings.toFile = TRUE;
+    g_vlLogSettings.console = TRUE;
+    g_vlLogSettings.debugPortOn = TRUE;
+    g_vlLogSettings.debugPortHandle = port;
+
+    testing::internal::CaptureStdout();
+    vl_write(TEXT("one\ntwo\n"));
+    std::string console = testing::internal::GetCapturedStdout();
+    CloseHandle(port);
+
+    EXPECT_EQ("one\r\ntwo\r\n", console);
+    EXPECT_EQ("one\r\ntwo\r\n", d.get("\\port.txt"));
+    EXPECT_EQ(std::string("\xFF\xFE", 2) + utf16le("one\r\ntwo\r\n"), d.get("\\log.txt"));
+    EXPECT_EQ("one\r\ntwo\r\n", ring());
+}
+
+TEST(LogSinks, AsciiFileHasNoByteOrderMark) {
+    TestDevice d(kProfile);
+    std::strcpy(g_vlLogSettings.fileName, "\\log.txt");
+    g_vlLogSettings.toFile = TRUE;
+    g_vlLogSettings.ascii = TRUE;
+    vl_write(TEXT("a\n"));
+    vl_write(TEXT("b\n"));
+    EXPECT_EQ("a\r\nb\r\n", d.get("\\log.txt"));
+}
+
+TEST(LogFile, IncrementNumbering) {
+    struct Case {
+        const char *name;
+        std::vector<std::string> present;
+        const char *receiver;
+    } cases[] = {
+        {"\\debug.txt", {}, "\\debug.txt"},
+        {"\\debug.txt", {"\\debug.txt"}, "\\debug00.txt"},
+        {"\\debug.txt", {"\\debug.txt", "\\debug00.txt", "\\debug01.txt"}, "\\debug02.txt"},
+        {"\\debug.txt", {"\\debug.txt", "\\debug01.txt"}, "\\debug00.txt"},
+        // the extension is at most four characters, the dot included
+        {"\\debug.text", {"\\debug.text"}, "\\debug00.tex"},
+        // a name without a dot is numbered at its end
+        {"\\debuglog", {"\\debuglog"}, "\\debuglog00"},
+    };
+    for (const Case &c : cases) {
+        TestDevice d(kProfile);
+        for (const std::string &p : c.present) d.put(p, "old");
+        std::strcpy(g_vlLogSettings.fileName, c.name);
+        g_vlLogSettings.toFile = TRUE;
+        g_vlLogSettings.increment = TRUE;
+        vl_write(TEXT("x"));
+        EXPECT_EQ(std::string("\xFF\xFE", 2) + utf16le("x"), d.get(c.receiver)) << c.receiver;
+        for (const std::string &p : c.present) EXPECT_EQ("old", d.get(p));
+        EXPECT_TRUE(g_vlLogSettings.toFile);
+        vl_closeLogFile();
+    }
+}
+
+TEST(LogFile, IncrementStopsPast99AndOtherSinksGoOn) {
+    TestDevice d(kProfile);
+    d.put("\\debug.txt", "old");
+    char name[32];
+    for (int i = 0; i <= 99; ++i) {
+        std::snprintf(name, sizeof name, "\\debug%02d.txt", i);
+        d.put(name, "old");
+    }
+    std::strcpy(g_vlLogSettings.fileName, "\\debug.txt");
+    g_vlLogSettings.toFile = TRUE;
+    g_vlLogSettings.increment = TRUE;
+    vl_write(TEXT("still here\n"));
+    EXPECT_FALSE(g_vlLogSettings.toFile);
+    EXPECT_EQ("still here\r\n", ring());
+    EXPECT_EQ("old", d.get("\\debug99.txt"));
+    EXPECT_FALSE(d.exists("\\debug100.txt"));
+}
+
+TEST(LogFile, IncrementWithLongNameLosesTheMessage) {
+    TestDevice d(kProfile);
+    std::string longName = "\\" + std::string(250, 'n') + ".txt";   // 255 characters
+    d.put(longName, "old");
+    std::strcpy(g_vlLogSettings.fileName, longName.c_str());
+    g_vlLogSettings.toFile = TRUE;
+    g_vlLogSettings.increment = TRUE;
+    vl_write(TEXT("lost\n"));
+    EXPECT_FALSE(g_vlLogSettings.toFile);
+    EXPECT_EQ("", ring());          // the triggering message reached no sink
+    vl_write(TEXT("next\n"));
+    EXPECT_EQ("next\r\n", ring());
+    EXPECT_EQ("old", d.get(longName));
+}
+
+TEST(LogFile, PlainOpenFailureIsRetriedEachMessage) {
+    TestDevice d(kProfile);
+    std::strcpy(g_vlLogSettings.fileName, "\\missing\\log.txt");
+    g_vlLogSettings.toFile = TRUE;
+    os_setLastError(0);
+    vl_write(TEXT("first\n"));
+    EXPECT_TRUE(g_vlLogSettings.toFile);
+    EXPECT_EQ(DWORD(ERROR_PATH_NOT_FOUND), os_getLastError());
+    ASSERT_TRUE(CreateDirectoryW(W("\\missing").c_str(), nullptr));
+    vl_write(TEXT("second\n"));
+    EXPECT_EQ(std::string("\xFF\xFE", 2) + utf16le("second\r\n"), d.get("\\missing\\log.txt"));
+}
+
+TEST(DebugIni, Settings) {
+    struct Case {
+        const char *ini;
+        LONG level;
+        DWORD mask;
+    } cases[] = {
+        {"[Log]\nAppcoreDebug=log_debug\n", LOG_DEBUG, 0xFFFF},
+        {"[Log]\nAppcoreDebug=LOG_Error\n", LOG_ERROR, 0xFFFF},
+        {"[Log]\nAppcoreDebug=LOG_VERBOSE\n", LOG_WARNING, 0xFFFF},     // unknown: unchanged
+        {"[Log]\nAppcoreDebugModules=MODULE_GPS,MODULE_UI\n", LOG_WARNING, 0x0C},
+        {"[Log]\nAppcoreDebugModules=module_root module_sound\n", LOG_WARNING, 0x11},
+        {"[Log]\nAppcoreDebugModules=MODULE_PLATFORM\n", LOG_WARNING, 0},   // cannot be named
+        {"[Log]\nAppcoreDebugModules=MODULE_GPS,MODULE_ALL\n", LOG_WARNING, 0xFFFF},
+        {"[Other]\nAppcoreDebug=LOG_DEBUG\n", LOG_WARNING, 0xFFFF},        // missing: defaults kept
+    };
+    for (const Case &c : cases) {
+        TestDevice d(kProfile);
+        g_vlLogSettings.level = LOG_WARNING;
+        g_vlLogSettings.moduleMask = 0xFFFF;
+        applyIni(d, c.ini);
+        EXPECT_EQ(c.level, g_vlLogSettings.level) << c.ini;
+        EXPECT_EQ(c.mask, g_vlLogSettings.moduleMask) << c.ini;
+    }
+}
+
+TEST(DebugIni, ModuleListDropsPlatformMessages) {
+    TestDevice d(kProfile);
+    applyIni(d, "[Log]\nAppcoreDebug=LOG_DEBUG\nAppcoreDebugModules=MODULE_GPS,MODULE_UI\n");
+    VLLOGM(LOG_DEBUG, MODULE_PLATFORM, TEXT("platform-line"));
+    VLLOGM(LOG_DEBUG, MODULE_GPS, TEXT("gps-line"));
+    EXPECT_EQ(std::string::npos, ring().find("platform-line"));
+    EXPECT_NE(std::string::npos, ring().find("GPS-DEBUG, gps-line"));
+}
+
+TEST(DebugIni, TraceLevelTakesBothSnapshots) {
+    TestDevice d(kProfile);
+    applyIni(d, "[Log]\nAppcoreDebug=LOG_TRACE\n");
+    EXPECT_EQ(LOG_TRACE, g_vlLogSettings.level);
+    std::string r = ring();
+    size_t first = r.find("SNAPSHOT, ReadDebugIniFileDbgSettings - setlevel finish\r\n");
+    size_t second = r.find("SNAPSHOT, ReadDebugIniFileDbgSettings - finish\r\n");
+    ASSERT_NE(std::string::npos, first);
+    ASSERT_NE(std::string::npos, second);
+    EXPECT_LT(first, second);
+    // each followed by a snapshot table
+    EXPECT_NE(std::string::npos, r.find("            snapshot, ", first));
+    EXPECT_NE(std::string::npos, r.find("            snapshot, ", second));
+}
+
+TEST(DebugIni, FileKeysOnlyUnderDebugToFile) {
+    TestDevice d(kProfile);
+    applyIni(d, "[Log]\nDebugToFile=false\nIncrement=TRUE\nDebugFile=\\x.txt\nDebugToASCII=TRUE\n"
+                "DebugToConsole=TRUE\nDebugPort=0x3\nDebugBaud=9600\nDebugOverDebugPort=true\n");
+    EXPECT_FALSE(g_vlLogSettings.toFile);
+    EXPECT_FALSE(g_vlLogSettings.increment);
+    EXPECT_STREQ("", g_vlLogSettings.fileName);
+    EXPECT_FALSE(g_vlLogSettings.ascii);
+    EXPECT_TRUE(g_vlLogSettings.console);
+    EXPECT_EQ(3, g_vlLogSettings.debugPort);
+    EXPECT_EQ(9600, g_vlLogSettings.debugBaud);
+    EXPECT_TRUE(g_vlLogSettings.debugPortOn);
+
+    applyIni(d, "[Log]\nDebugToFile=TRUE\nIncrement=TRUE\nDebugFile=\\x.txt\nDebugToASCII=TRUE\n");
+    EXPECT_TRUE(g_vlLogSettings.toFile);
+    EXPECT_TRUE(g_vlLogSettings.increment);
+    EXPECT_STREQ("\\x.txt", g_vlLogSettings.fileName);
+    EXPECT_TRUE(g_vlLogSettings.ascii);
+    EXPECT_TRUE(g_vlLogSettings.console);     // a missing key leaves the setting as it was
+}
+
+TEST(DebugIni, NullReader) {
+    TestDevice d(kProfile);
+    EXPECT_EQ(0, OpenDebugIniFile(nullptr));
+    EXPECT_EQ(0, ReadDebugIniFileDbgSettings(nullptr, "Log"));
+    EXPECT_NE(std::string::npos, ring().find("ERROR, OpenDebugIniFile(): p_pIniFile == NULL\r\n"));
+}
+
+TEST(DebugIni, SearchOrder) {
+    // Candidates in order: card, program folder, root, internal flash. The first that opens wins.
+    const char *candidates[] = {"\\Storage Card\\debug.ini", "\\My Flash Disk\\tarsk\\debug.ini",
+                                "\\debug.ini", "\\My Flash Disk\\debug.ini"};
+    for (int first = 0; first < 4; ++first) {
+        TestDevice d(kProfile);
+        for (int i = first; i < 4; ++i) d.put(candidates[i], "[Who]\nName=" + std::to_string(i) + "\n");
+        CIniFile ini;
+        ASSERT_NE(0, OpenDebugIniFile(&ini));
+        char name[8];
+        ASSERT_TRUE(ini.getString("Who", "Name", name, sizeof name));
+        EXPECT_EQ(std::to_string(first), name);
+        ini.close();
+    }
+}
+
+TEST(DebugIni, RootsFromRegistryAndDefaults) {
+    // Without the registry values the card and flash defaults are used.
+    TestDevice d("[device]\nprogram = '\\Windows\\tarsk.exe'\n");
+    d.put("\\My Flash Disk\\debug.ini", "[Who]\nName=flash\n");
+    CIniFile ini;
+    ASSERT_NE(0, OpenDebugIniFile(&ini));
+    char name[8];
+    ASSERT_TRUE(ini.getString("Who", "Name", name, sizeof name));
+    EXPECT_STREQ("flash", name);
+    ini.close();
+    CIniFile none;
+    d.put("\\My Flash Disk\\debug.ini", "");
+    ASSERT_TRUE(DeleteFileW(W("\\My Flash Disk\\debug.ini").c_str()));
+    EXPECT_EQ(0, OpenDebugIniFile(&none));
+}
+
+TEST(Verify, EndsTheProcessWithCodeOne) {
+    EXPECT_EXIT(
+        {
+            TestDevice d(kProfile);
+            int x = 1;
+            VLVERIFY(x == 2);
+        },
+        testing::ExitedWithCode(1), "");
+}
+
+TEST(LevelIndexedCall, WordsAndDeviceLibraryBit) {
+    TestDevice d(kProfile);
+    g_vlLogSettings.level = LOG_TRACE;
+    vl_logLevel("dev.cpp", 3, 5, TEXT("five"));
+    EXPECT_NE(std::string::npos, ring().find("dev.cpp(3):, "));
+    EXPECT_NE(std::string::npos, ring().find(", TRACE, five"));
+    g_vlLogSettings.moduleMask = 0x3F;
+    vl_logLevel("dev.cpp", 4, 1, TEXT("dropped"));
+    EXPECT_EQ(std::string::npos, ring().find("dropped"));
+}
+
+TEST(NarrowPrint, KeepsNarrowConventions) {
+    TestDevice d(kProfile);
+    vl_printA("%s|%S|%c|%5.2f|%hs\n", "narrow", u"wide", 'c', 3.14159, "h");
+    EXPECT_EQ("narrow|wide|c| 3.14|h\r\n", ring());
+}
+
+TEST(Trace, OnlySetBitsComposeALine) {
+    TestDevice d(kProfile);
+    static std::string captured;
+    captured.clear();
+    g_salTraceOutput = [](const char *text) { captured += text; };
+    SALTRACE(1, 64, "Thread entrypoint reached !");
+    EXPECT_EQ("", captured);
+    g_salTraceMasks[1] = 64;
+    sal_traceSetThreadName("power");
+    SALTRACE(1, 64, "Thread entrypoint reached !");
+    EXPECT_EQ(0u, captured.find("tarsk> "));
+    EXPECT_NE(std::string::npos, captured.find("-[power]-D-1-test_platform.cpp-"));
+    EXPECT_NE(std::string::npos, captured.find("-Thread entrypoint reached !\n"));
+    // the lock is left after each call: a second trace does not block
+    SALTRACE(1, 64, "again %d", 2);
+    EXPECT_NE(std::string::npos, captured.find("-again 2\n"));
+}
