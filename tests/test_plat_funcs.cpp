@@ -1,0 +1,127 @@
+// Hardware information: hardware version, memory fitted, model numbers.
+#include "test_device.h"
+
+#include "platform/plat_funcs.h"
+#include "platform/platform.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+
+using testing_support::TestDevice;
+using testing_support::W;
+
+namespace {
+
+std::string logText() {
+    int position = 0;
+    BOOL wrapped = FALSE;
+    const WCHAR *ring = vl_ringBuffer(&position, &wrapped);
+    std::u16string text = wrapped ? std::u16string(ring + position + 1) + std::u16string(ring, position)
+                                  : std::u16string(ring, position);
+    return sim::utf8(text);
+}
+
+bool logged(const std::string &text) { return logText().find(text) != std::string::npos; }
+
+std::string memoryProfile(DWORD store, DWORD phys) {
+    char text[128];
+    std::snprintf(text, sizeof text, "[memory]\nstore_size = %u\ntotal_phys = %u\n", store, phys);
+    return text;
+}
+
+DWORD lookup(const std::string &name) { return sys_getModelNumber(W(name).c_str()); }
+
+}  // namespace
+
+TEST(HardwareMemory, RoundsUpToTheNext8MB) {
+    struct Case { DWORD store, phys, size; const char *line; } cases[] = {
+        {0x00700000, 0x01800000, 0x02000000, "0x1f00000 (approx 31.0 MB)"},
+        {0x00800000, 0x01800000, 0x02800000, "0x2000000 (approx 32.0 MB)"},   // an exact multiple: one step more
+        {0x00000000, 0x01F80000, 0x02000000, "0x1f80000 (approx 31.524288 MB)"},   // raw remainder after the point
+        {0x00000000, 0x00000000, 0x00800000, "0x0 (approx 0.0 MB)"},
+        {0x01000000, 0x027FFFFF, 0x03800000, "0x37fffff (approx 55.1048575 MB)"},
+    };
+    for (const Case &c : cases) {
+        TestDevice t(memoryProfile(c.store, c.phys));
+        DWORD size = 0xDEADBEEF;
+        EXPECT_EQ(1, sys_getHardwareMemory(&size));
+        EXPECT_EQ(c.size, size) << std::hex << c.store << " " << c.phys;
+        EXPECT_TRUE(logged(std::string("Total physical RAM in the order of: ") + c.line)) << logText();
+    }
+}
+
+TEST(HardwareMemory, StoreQueryFailingCountsTheStoreAsZero) {
+    TestDevice t(memoryProfile(0x00800000, 0x01F00000) + "[fail]\nGetStoreInformation = 31\n");
+    DWORD size = 0;
+    EXPECT_EQ(1, sys_getHardwareMemory(&size));
+    EXPECT_EQ(0x02000000u, size);   // 0x01F00000 alone, not 0x02700000
+    EXPECT_EQ(31u, os_getLastError());
+    EXPECT_TRUE(logged("ERROR, sys_getHardwareMemory(): GetStoreInformation() failed, error 31"));
+}
+
+TEST(HardwareVersion, FromTheKernel) {
+    {
+        TestDevice t("[kernel]\nhardware_version = 3\n");
+        EXPECT_EQ(3u, sys_getHardwareVersion());
+        EXPECT_TRUE(logged("sys_getHardwareVersion(): KernelIoControl(IOCTL_HAL_READ_HW_VERSION) returned 3"));
+        auto calls = t.events("ioctl");
+        ASSERT_EQ(1u, calls.size());
+        EXPECT_EQ("0x01012028", calls[0]["code"]);
+        EXPECT_EQ("", calls[0]["input"]);
+    }
+    {
+        TestDevice t;   // no answer: the query fails
+        EXPECT_EQ(0u, sys_getHardwareVersion());
+        EXPECT_EQ(DWORD(ERROR_NOT_SUPPORTED), os_getLastError());
+        EXPECT_TRUE(logged("sys_getHardwareVersion(): KernelIoControl(IOCTL_HAL_READ_HW_VERSION) failed, error 50"));
+    }
+    {
+        TestDevice t("[kernel]\nhardware_version = 3\n[kernel.fail]\n'0x01012028' = 31\n");
+        EXPECT_EQ(0u, sys_getHardwareVersion());
+        EXPECT_EQ(31u, os_getLastError());
+    }
+}
+
+TEST(ModelNumber, EveryRowByItsOwnName) {
+    struct Case { const char *name; DWORD number; } rows[] = {
+        {"VESKA320XL", 21}, {"VESKA320", 20}, {"VESKA220", 19}, {"VESKA120", 17}, {"VESKAMINI", 22},
+        {"VESKACITY", 23}, {"VESKAPRO", 24},
+        {"DRIVELO500T", 31}, {"DRIVELO500", 30}, {"DRIVELO300", 29}, {"DRIVELO100", 28},
+        {"TREKNOVA7", 7}, {"TREKNOVA8", 8}, {"TREKNOVA9", 9}, {"TREKNOVA10", 10},
+        {"MAPPO2CF", 11}, {"MAPPODEV", 12}, {"MAPPOLAB", 13},
+        {"WAYRO15", 15}, {"WAYRO16", 16}, {"WAYRO25", 25}, {"WAYRO35", 26}, {"WAYRO45", 27},
+        {"CITYNAV40", 32}, {"CITYNAV42", 33}, {"CITYNAV44", 34}, {"CITYNAV46", 35},
+        {"ROADLYNXA", 36}, {"ROADLYNXB", 37}, {"ROADLYNXC", 38},
+        {"ALTURA600", 39}, {"ALTURA650", 40}, {"ALTURA700", 41}, {"ALTURA750", 42},
+        {"ZENTO3", 43}, {"ZENTO5", 44}, {"ZENTO7", 45}, {"KX2", 46}, {"KX4", 47},
+        {"Q5", 48}, {"M2", 49}, {"N9", 50}, {"T8", 51}, {"X7", 52},
+        {"X70", 52},   // never 53: the earlier row "X7" is found in it first
+        {"R3", 54}, {"V6", 59}, {"P1", 60},
+    };
+    EXPECT_EQ(48u, sizeof rows / sizeof rows[0]);
+    for (const Case &c : rows) EXPECT_EQ(c.number, lookup(c.name)) << c.name;
+}
+
+TEST(ModelNumber, MatchRules) {
+    struct Case { const char *name; DWORD number; } cases[] = {
+        {"veska320xl", 21},        // upper-cased first
+        {"x7", 52},
+        {"VESKA320XLT", 21},       // prefix over the row's full length
+        {"VESKA320X", 20},         // the longer row does not match, the next one does
+        {"VESKA", 0},              // the family word alone is no model
+        {"VESKAX7", 0},            // a family name never falls through to the substring rows
+        {"MYDRIVELO500TX", 31},    // a substring anywhere
+        {"X7Q5", 48},              // table order decides, not the position in the name
+        {"TREKNOVA1", 0},
+        {"", 0},
+        {"UNKNOWN", 0},
+    };
+    for (const Case &c : cases) EXPECT_EQ(c.number, lookup(c.name)) << c.name;
+    EXPECT_EQ(0u, sys_getModelNumber(NULL));
+}
+
+TEST(ModelNumber, OnlyTheFirst259CharactersAreSearched) {
+    EXPECT_EQ(52u, lookup(std::string(257, 'A') + "X7"));   // ends at character 259
+    EXPECT_EQ(0u, lookup(std::string(258, 'A') + "X7"));    // its last character is cut
+}
