@@ -102,7 +102,9 @@ DWORD WINAPI GetTickCount(void) { return dev().clock().ticks(); }
 void WINAPI Sleep(DWORD ms) { dev().clock().sleep(ms); }
 
 BOOL WINAPI CloseHandle(HANDLE h) {
-    if (!dev().objects().close(h)) {
+    // A static object of the program may close its handle after the device has gone (at exit).
+    Device *d = Device::current();
+    if (!d || !d->objects().close(h)) {
         SetLastError(ERROR_INVALID_HANDLE);
         return FALSE;
     }
