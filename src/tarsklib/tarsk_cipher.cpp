@@ -1,0 +1,80 @@
+/*
+ * The package cipher: a 64-bit block cipher in the shape of XTEA with its own round function.
+ * Data words are shifted right arithmetically (sign-extending), 16 cycles, delta 0x9E3779B9.
+ * The packaging side enciphers with the mirror image, so both must stay exactly as they are.
+ */
+#include "tarsklib/tarsklib.h"
+#include "tarsk_key.h"
+
+#define TARSK_CIPHER_CYCLES 16
+
+/* An arithmetic right shift by 5 of a 32-bit word, written out so that it does not depend on how
+ * the compiler shifts negative signed values: the sign bit is flipped, the word shifted logically,
+ * and subtracting the flipped bit's new place turns it back into copies of the sign. */
+static inline DWORD sar5(DWORD v)
+{
+    return ((v ^ 0x80000000u) >> 5) - (0x80000000u >> 5);
+}
+
+/* The mixing function of one half-round. */
+static inline DWORD mix(DWORD v)
+{
+    return sar5(v) ^ (v << 4);
+}
+
+static inline DWORD loadLE(const BYTE *p)
+{
+    return (DWORD)p[0] | ((DWORD)p[1] << 8) | ((DWORD)p[2] << 16) | ((DWORD)p[3] << 24);
+}
+
+static inline void storeLE(BYTE *p, DWORD v)
+{
+    p[0] = (BYTE)v;
+    p[1] = (BYTE)(v >> 8);
+    p[2] = (BYTE)(v >> 16);
+    p[3] = (BYTE)(v >> 24);
+}
+
+void tarsk_decipher(BYTE *data, DWORD size, const DWORD key[4])
+{
+    DWORD blocks = size / 8;
+    for (DWORD b = 0; b < blocks; ++b) {
+        BYTE *p = data + b * 8;
+        DWORD y = loadLE(p);
+        DWORD z = loadLE(p + 4);
+        DWORD sum = TARSK_CIPHER_DELTA * TARSK_CIPHER_CYCLES;
+        for (int i = 0; i < TARSK_CIPHER_CYCLES; ++i) {
+            z = z - mix(y) - (sum ^ y) - key[(sum >> 11) & 3];
+            sum -= TARSK_CIPHER_DELTA;
+            y = y - mix(z) - (sum ^ z) - key[sum & 3];
+        }
+        storeLE(p, y);
+        storeLE(p + 4, z);
+    }
+}
+
+void tarsk_encipher(BYTE *data, DWORD size, const DWORD key[4])
+{
+    DWORD blocks = size / 8;
+    for (DWORD b = 0; b < blocks; ++b) {
+        BYTE *p = data + b * 8;
+        DWORD y = loadLE(p);
+        DWORD z = loadLE(p + 4);
+        DWORD sum = 0;
+        for (int i = 0; i < TARSK_CIPHER_CYCLES; ++i) {
+            y = y + mix(z) + key[sum & 3] + (sum ^ z);
+            sum += TARSK_CIPHER_DELTA;
+            z = z + mix(y) + key[(sum >> 11) & 3] + (sum ^ y);
+        }
+        storeLE(p, y);
+        storeLE(p + 4, z);
+    }
+}
+
+void tarsk_packageKey(DWORD key[4])
+{
+    key[0] = TARSK_KEY_K0;
+    key[1] = TARSK_KEY_K1;
+    key[2] = TARSK_KEY_K2;
+    key[3] = TARSK_KEY_K3;
+}
