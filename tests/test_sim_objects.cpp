@@ -74,11 +74,12 @@ TEST(SimObjects, MutexOwnershipAndRecursion) {
     HANDLE m = CreateMutexW(nullptr, TRUE, nullptr);
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(m, 0));   // owner may take it again
     std::atomic<DWORD> other{0};
+    std::pair<HANDLE, std::atomic<DWORD> *> args(m, &other);
     HANDLE t = CreateThread(nullptr, 0, [](LPVOID p) -> DWORD {
-        auto *args = static_cast<std::pair<HANDLE, std::atomic<DWORD> *> *>(p);
-        args->second->store(WaitForSingleObject(args->first, 0));
+        auto *a = static_cast<std::pair<HANDLE, std::atomic<DWORD> *> *>(p);
+        a->second->store(WaitForSingleObject(a->first, 0));
         return 0;
-    }, new std::pair<HANDLE, std::atomic<DWORD> *>(m, &other), 0, nullptr);
+    }, &args, 0, nullptr);
     WaitForSingleObject(t, INFINITE);
     EXPECT_EQ(WAIT_TIMEOUT, other.load());
     EXPECT_TRUE(ReleaseMutex(m));
