@@ -237,6 +237,21 @@ DWORD lastError() { return t_lastError; }
 
 // ---------------------------------------------------------------- the device
 
+Device &dev() {
+    Device *d = Device::current();
+    if (!d) {
+        std::fprintf(stderr, "sim: a system call was made with no simulated device installed\n");
+        std::abort();
+    }
+    return *d;
+}
+
+[[noreturn]] void badProfile(const std::string &where, const std::string &what) {
+    std::string text = where + ": " + what;
+    std::fprintf(stderr, "sim: device.toml: %s\n", text.c_str());
+    throw std::runtime_error("device.toml: " + text);
+}
+
 static std::atomic<Device *> g_current{nullptr};
 
 Device *Device::current() { return g_current.load(); }

@@ -226,6 +226,11 @@ std::shared_ptr<Devices> makeDevices(Device &dev, const toml::table &profile);  
 // no such device exists (CreateFileW then fails with ERROR_FILE_NOT_FOUND). Defined in devices.cpp.
 bool openDeviceName(const std::u16string &name, DWORD access, HANDLE *out);
 
+// The installed device; a system call made without one is a fault of the caller (abort).
+Device &dev();
+// Stops the making of a device on a bad profile value: a message on stderr and a runtime_error.
+[[noreturn]] void badProfile(const std::string &where, const std::string &what);
+
 // The calling thread's last error (each thread has its own, as on CE).
 void setLastError(DWORD e);
 DWORD lastError();

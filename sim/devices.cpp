@@ -18,21 +18,6 @@ constexpr DWORD kErrorDeviceInUse = 2404;   // ERROR_DEVICE_IN_USE: the driver i
 constexpr DWORD kMaxSectorSize = 0x10000;
 constexpr uint64_t kMaxDiskBytes = uint64_t(1) << 32;   // the image is a host file; keep it sane
 
-Device &dev() {
-    Device *d = Device::current();
-    if (!d) {
-        std::fprintf(stderr, "sim: a system call was made with no simulated device installed\n");
-        std::abort();
-    }
-    return *d;
-}
-
-[[noreturn]] void badProfile(const std::string &where, const std::string &what) {
-    std::string text = where + ": " + what;
-    std::fprintf(stderr, "sim: device.toml: %s\n", text.c_str());
-    throw std::runtime_error("device.toml: " + text);
-}
-
 bool boolKey(const toml::table &t, const char *key, bool def) {
     const toml::node *n = t.get(key);
     if (!n) return def;

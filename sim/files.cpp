@@ -47,15 +47,6 @@ constexpr DWORD kErrorNegativeSeek = 131;          // ERROR_NEGATIVE_SEEK
 constexpr DWORD kErrorFilenameExcedRange = 206;    // ERROR_FILENAME_EXCED_RANGE
 constexpr DWORD kErrorDirectory = 267;             // ERROR_DIRECTORY
 
-Device &dev() {
-    Device *d = Device::current();
-    if (!d) {
-        std::fprintf(stderr, "sim: a system call was made with no simulated device installed\n");
-        std::abort();
-    }
-    return *d;
-}
-
 // A failure asked for by the profile's [fail] table.
 bool injected(const char *call) {
     if (auto e = dev().failure(call)) {

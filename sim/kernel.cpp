@@ -12,21 +12,6 @@ namespace sim {
 
 namespace {
 
-Device &dev() {
-    Device *d = Device::current();
-    if (!d) {
-        std::fprintf(stderr, "sim: a system call was made with no simulated device installed\n");
-        std::abort();
-    }
-    return *d;
-}
-
-[[noreturn]] void badProfile(const std::string &where, const std::string &what) {
-    std::string text = where + ": " + what;
-    std::fprintf(stderr, "sim: device.toml: %s\n", text.c_str());
-    throw std::runtime_error("device.toml: " + text);
-}
-
 const toml::table *tableAt(const toml::table &profile, const std::string &name, const std::string &where) {
     const toml::node *node = profile.get(name);
     if (!node) return nullptr;

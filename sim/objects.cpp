@@ -15,15 +15,6 @@ using namespace sim;
 
 namespace {
 
-Device &dev() {
-    Device *d = Device::current();
-    if (!d) {
-        std::fprintf(stderr, "sim: a system call was made with no simulated device installed\n");
-        std::abort();
-    }
-    return *d;
-}
-
 // Something a thread can wait on.
 struct Waitable : Object {
     std::mutex m;

@@ -68,10 +68,8 @@ void putValue(Registry::Key *key, const std::string &name, DWORD type, std::vect
 
 // ---- profile ----
 
-[[noreturn]] void badProfile(const std::string &where, const std::string &what) {
-    std::string text = "registry." + where + ": " + what;
-    std::fprintf(stderr, "sim: device.toml: %s\n", text.c_str());
-    throw std::runtime_error("device.toml: " + text);
+[[noreturn]] void badRegistry(const std::string &where, const std::string &what) {
+    badProfile("registry." + where, what);
 }
 
 void loadKey(Registry &reg, Registry::Key *key, const toml::table &table, const std::string &where) {
@@ -84,7 +82,7 @@ void loadKey(Registry &reg, Registry::Key *key, const toml::table &table, const 
             putValue(key, name, REG_SZ, stringBytes(fromUtf8(*s)));
         } else if (node.is_integer()) {
             int64_t v = *node.value<int64_t>();
-            if (v < INT32_MIN || v > int64_t(UINT32_MAX)) badProfile(here, "number does not fit 32 bits");
+            if (v < INT32_MIN || v > int64_t(UINT32_MAX)) badRegistry(here, "number does not fit 32 bits");
             DWORD d = DWORD(uint32_t(v));
             std::vector<BYTE> data(4);
             std::memcpy(data.data(), &d, 4);
@@ -110,27 +108,18 @@ void loadKey(Registry &reg, Registry::Key *key, const toml::table &table, const 
                 for (auto &&item : *arr) {
                     auto v = item.value<int64_t>();
                     if (!item.is_integer() || !v || *v < 0 || *v > 255)
-                        badProfile(here, "a binary value is an array of numbers 0..255");
+                        badRegistry(here, "a binary value is an array of numbers 0..255");
                     data.push_back(BYTE(*v));
                 }
                 putValue(key, name, REG_BINARY, data);
             }
         } else {
-            badProfile(here, "a value is a string, a number, a boolean or an array");
+            badRegistry(here, "a value is a string, a number, a boolean or an array");
         }
     }
 }
 
 // ---- the API's side ----
-
-Device &dev() {
-    Device *d = Device::current();
-    if (!d) {
-        std::fprintf(stderr, "sim: a system call was made with no simulated device installed\n");
-        std::abort();
-    }
-    return *d;
-}
 
 struct KeyObject : Object {
     Registry::Key *key;
@@ -332,15 +321,15 @@ void loadRegistryProfile(Device &dev, const toml::table &profile) {
     const toml::node *node = profile.get("registry");
     if (!node) return;
     const toml::table *registry = node->as_table();
-    if (!registry) badProfile("", "[registry] is a table of keys");
+    if (!registry) badRegistry("", "[registry] is a table of keys");
     Registry &reg = dev.registry();
     std::lock_guard<std::mutex> lock(reg.mutex());
     for (auto &&[k, sub] : *registry) {
         std::string path(k.str());
         const toml::table *table = sub.as_table();
-        if (!table) badProfile(path, "a key is a table of values");
+        if (!table) badRegistry(path, "a key is a table of values");
         std::vector<std::string> parts = splitPath(path);
-        if (parts.empty() || !rootByName(parts[0])) badProfile(path, "a key path begins with HKLM, HKCU, HKCR or HKU");
+        if (parts.empty() || !rootByName(parts[0])) badRegistry(path, "a key path begins with HKLM, HKCU, HKCR or HKU");
         loadKey(reg, reg.pathLocked(path, true), *table, path);
     }
 }

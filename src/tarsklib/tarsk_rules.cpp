@@ -16,20 +16,6 @@
 
 /* ------------------------------------------------------------------ version texts and numbers */
 
-DWORD tarsk_parseVersionW(const WCHAR *text)
-{
-    DWORD value = 0;
-    if (text == NULL)
-        return 0;
-    while (*text && !(*text >= TEXT('0') && *text <= TEXT('9')))
-        ++text;
-    while (*text >= TEXT('0') && *text <= TEXT('9')) {
-        value = value * 10 + (DWORD)(*text - TEXT('0'));
-        ++text;
-    }
-    return value;
-}
-
 DWORD tarsk_parseVersionA(const char *text)
 {
     DWORD value = 0;
@@ -96,7 +82,7 @@ void tarsk_gatherDeviceFacts(TarskEngine *e)
     if (KernelIoControl(IOCTL_QRV_SYS_GET_KERNEL_VERSION, NULL, 0, e->m_szKernelVersion,
                         sizeof(e->m_szKernelVersion), &returned)) {
         e->m_szKernelVersion[TARSK_PATH_CHARS - 1] = 0;
-        e->m_adwDeviceKernelVersion[0] = tarsk_parseVersionW(e->m_szKernelVersion);
+        e->m_adwDeviceKernelVersion[0] = xmldevice_parseVersion(e->m_szKernelVersion);
     } else {
         e->m_adwDeviceKernelVersion[0] = 0;
         e->m_adwDeviceKernelVersion[1] = 0;

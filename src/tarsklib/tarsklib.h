@@ -136,8 +136,8 @@ DWORD tarsk_decideRegion(TarskEngine *engine);
 void tarsk_writeTagReport(TarskEngine *engine);
 /* (major * 100 + minor) * 10000 + build, wrapping at 32 bits. */
 DWORD tarsk_packVersion(const DWORD version[3]);
-/* The first run of decimal digits of a version text (0 when none). */
-DWORD tarsk_parseVersionW(const WCHAR *text);
+/* The first run of decimal digits of the bootloader's 8-bit version text (0 when none); the
+ * kernel's wide text is read by the descriptor's own rule, xmldevice_parseVersion. */
 DWORD tarsk_parseVersionA(const char *text);
 /* The next multiple of 256 MiB strictly above the size's multiple. */
 DWORD tarsk_roundDiskSize(DWORD size);
