@@ -126,6 +126,7 @@ public:
         std::map<std::string, std::string> valueNames;    // lower-case -> as written
         std::vector<std::unique_ptr<Key>> subkeys;        // in creation order
         Key *find(const std::string &name) const;         // without regard to case
+        void put(const std::string &name, DWORD type, std::vector<BYTE> data);   // under mutex()
         bool deleted = false;                             // removed while a handle may still be open
     };
     Registry();
@@ -146,6 +147,8 @@ public:
     std::optional<std::u16string> stringValue(const std::string &keyPath, const std::string &name);  // REG_SZ only
     std::vector<std::string> subkeyNames(const std::string &keyPath);   // in creation order
     std::mutex &mutex() { return m_mutex; }
+    // REG_SZ data of a text: UTF-16LE with its terminator.
+    static std::vector<BYTE> stringBytes(const std::u16string &s);
     // Unlocked helpers for the API functions (registry.cpp), called with mutex() held.
     Key *openLocked(Key *from, const std::u16string &path, bool create, bool *created = nullptr);
     Key *pathLocked(const std::string &keyPath, bool create);

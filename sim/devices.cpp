@@ -41,20 +41,6 @@ std::u16string upper(const std::u16string &s) {
     return out;
 }
 
-std::vector<BYTE> stringBytes(const std::u16string &s) {
-    std::vector<BYTE> out((s.size() + 1) * 2, 0);
-    for (size_t i = 0; i < s.size(); ++i) {
-        out[2 * i] = BYTE(s[i] & 0xFF);
-        out[2 * i + 1] = BYTE(s[i] >> 8);
-    }
-    return out;
-}
-
-void putValue(Registry::Key *key, const std::string &name, DWORD type, std::vector<BYTE> data) {
-    std::string l = lower(name);
-    key->values[l] = Registry::Value{type, std::move(data)};
-    key->valueNames[l] = name;
-}
 
 // A handle opened on the flash disk's device name; it works while the activation it was opened
 // under lasts.
@@ -180,11 +166,11 @@ bool Devices::createActiveKey(DWORD handle) {
         if (parent->find(nn)) continue;
         Registry::Key *key = reg.openLocked(parent, fromUtf8(nn), true);
         if (!key) return false;
-        putValue(key, "Key", REG_SZ, stringBytes(fromUtf8(kFlashDiskDriverKey)));
-        putValue(key, "Name", REG_SZ, stringBytes(m_disk.name));
+        key->put("Key", REG_SZ, Registry::stringBytes(fromUtf8(kFlashDiskDriverKey)));
+        key->put("Name", REG_SZ, Registry::stringBytes(m_disk.name));
         std::vector<BYTE> hnd(4);
         std::memcpy(hnd.data(), &handle, 4);
-        putValue(key, "Hnd", REG_DWORD, hnd);
+        key->put("Hnd", REG_DWORD, hnd);
         m_activeKey = std::string(kActiveDriversKey) + "\\" + nn;
         return true;
     }

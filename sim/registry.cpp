@@ -49,22 +49,6 @@ void markDeleted(Registry::Key *key) {
     for (auto &sub : key->subkeys) markDeleted(sub.get());
 }
 
-std::vector<BYTE> stringBytes(const std::u16string &s) {
-    std::vector<BYTE> out((s.size() + 1) * sizeof(char16_t), 0);   // the terminator is part of the data
-    for (size_t i = 0; i < s.size(); ++i) {
-        out[2 * i] = BYTE(s[i] & 0xFF);
-        out[2 * i + 1] = BYTE(s[i] >> 8);
-    }
-    return out;
-}
-
-void putValue(Registry::Key *key, const std::string &name, DWORD type, std::vector<BYTE> data) {
-    std::string l = lower(name);
-    Registry::Value &v = key->values[l];
-    v.type = type;
-    v.data = std::move(data);
-    key->valueNames[l] = name;
-}
 
 // ---- profile ----
 
@@ -79,30 +63,30 @@ void loadKey(Registry &reg, Registry::Key *key, const toml::table &table, const 
         if (const toml::table *sub = node.as_table()) {
             loadKey(reg, reg.openLocked(key, fromUtf8(name), true), *sub, here);
         } else if (auto s = node.value<std::string>()) {
-            putValue(key, name, REG_SZ, stringBytes(fromUtf8(*s)));
+            key->put(name, REG_SZ, Registry::stringBytes(fromUtf8(*s)));
         } else if (node.is_integer()) {
             int64_t v = *node.value<int64_t>();
             if (v < INT32_MIN || v > int64_t(UINT32_MAX)) badRegistry(here, "number does not fit 32 bits");
             DWORD d = DWORD(uint32_t(v));
             std::vector<BYTE> data(4);
             std::memcpy(data.data(), &d, 4);
-            putValue(key, name, REG_DWORD, data);
+            key->put(name, REG_DWORD, data);
         } else if (auto b = node.value<bool>()) {
             DWORD d = *b ? 1 : 0;
             std::vector<BYTE> data(4);
             std::memcpy(data.data(), &d, 4);
-            putValue(key, name, REG_DWORD, data);
+            key->put(name, REG_DWORD, data);
         } else if (const toml::array *arr = node.as_array()) {
             if (!arr->empty() && arr->is_homogeneous(toml::node_type::string)) {
                 // strings: REG_MULTI_SZ, each terminated, then one more terminator
                 std::vector<BYTE> data;
                 for (auto &&item : *arr) {
-                    std::vector<BYTE> one = stringBytes(fromUtf8(*item.value<std::string>()));
+                    std::vector<BYTE> one = Registry::stringBytes(fromUtf8(*item.value<std::string>()));
                     data.insert(data.end(), one.begin(), one.end());
                 }
                 data.push_back(0);
                 data.push_back(0);
-                putValue(key, name, REG_MULTI_SZ, data);
+                key->put(name, REG_MULTI_SZ, data);
             } else {
                 std::vector<BYTE> data;
                 for (auto &&item : *arr) {
@@ -111,7 +95,7 @@ void loadKey(Registry &reg, Registry::Key *key, const toml::table &table, const 
                         badRegistry(here, "a binary value is an array of numbers 0..255");
                     data.push_back(BYTE(*v));
                 }
-                putValue(key, name, REG_BINARY, data);
+                key->put(name, REG_BINARY, data);
             }
         } else {
             badRegistry(here, "a value is a string, a number, a boolean or an array");
@@ -181,6 +165,21 @@ LONG openOrCreate(const char *call, HKEY hKey, LPCWSTR lpSubKey, bool create, PH
 
 // ---------------------------------------------------------------- the tree
 
+std::vector<BYTE> Registry::stringBytes(const std::u16string &s) {
+    std::vector<BYTE> out((s.size() + 1) * sizeof(char16_t), 0);   // the terminator is part of the data
+    for (size_t i = 0; i < s.size(); ++i) {
+        out[2 * i] = BYTE(s[i] & 0xFF);
+        out[2 * i + 1] = BYTE(s[i] >> 8);
+    }
+    return out;
+}
+
+void Registry::Key::put(const std::string &valueName, DWORD type, std::vector<BYTE> data) {
+    std::string l = lower(valueName);
+    values[l] = Value{type, std::move(data)};
+    valueNames[l] = valueName;
+}
+
 Registry::Key *Registry::Key::find(const std::string &name) const {
     std::string l = lower(name);
     for (const auto &sub : subkeys)
@@ -246,11 +245,11 @@ Registry::Key *Registry::pathLocked(const std::string &keyPath, bool create) {
 void Registry::setValue(const std::string &keyPath, const std::string &name, DWORD type,
                         const std::vector<BYTE> &data) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    putValue(pathLocked(keyPath, true), name, type, data);
+    pathLocked(keyPath, true)->put(name, type, data);
 }
 
 void Registry::setString(const std::string &keyPath, const std::string &name, const std::u16string &value) {
-    setValue(keyPath, name, REG_SZ, stringBytes(value));
+    setValue(keyPath, name, REG_SZ, Registry::stringBytes(value));
 }
 
 void Registry::setDword(const std::string &keyPath, const std::string &name, DWORD value) {
@@ -407,7 +406,7 @@ LONG WINAPI RegSetValueExW(HKEY hKey, LPCWSTR lpValueName, DWORD, DWORD dwType, 
     Registry::Key *key = sim::keyOf(d, hKey, err);
     if (!key) return sim::finish(err);
     std::vector<BYTE> data(lpData, lpData + (lpData ? cbData : 0));
-    sim::putValue(key, sim::utf8(lpValueName), dwType, std::move(data));
+    key->put(sim::utf8(lpValueName), dwType, std::move(data));
     return ERROR_SUCCESS;
 }
 
