@@ -8,12 +8,15 @@
 
 #define TARSK_CIPHER_CYCLES 16
 
-/* An arithmetic right shift by 5 of a 32-bit word, written out so that it does not depend on how
- * the compiler shifts negative signed values: the sign bit is flipped, the word shifted logically,
- * and subtracting the flipped bit's new place turns it back into copies of the sign. */
+/* The data words are shifted right arithmetically (copies of the sign come in). C++03 leaves the
+ * right shift of a negative value to the compiler; every compiler this program is built with
+ * shifts arithmetically and converts to signed by wrapping, and this check stops the build on one
+ * that does not, so the native shift can be used. */
+typedef char TarskShiftIsArithmetic[(((LONG)-16 >> 2) == -4 && (LONG)0x80000000u < 0) ? 1 : -1];
+
 static inline DWORD sar5(DWORD v)
 {
-    return ((v ^ 0x80000000u) >> 5) - (0x80000000u >> 5);
+    return (DWORD)((LONG)v >> 5);
 }
 
 /* The mixing function of one half-round. */
