@@ -1,13 +1,18 @@
-// Helpers shared by the engine's tests: the progress lines the engine sent, the log text, device
-// profiles, package building and descriptor records.
+// Helpers shared by the engine's and the tools' tests: progress lines, log text, device profiles,
+// descriptor records, packages, and running a built tool in a temporary folder.
 #pragma once
 
 #include "tarsklib/tarsklib.h"
 #include "platform/platform.h"
 #include "test_device.h"
 
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
+#include <sys/wait.h>
 #include <vector>
 
 namespace engine_test {
@@ -28,23 +33,27 @@ inline std::string logText() {
     int position = 0;
     BOOL wrapped = FALSE;
     const WCHAR *ring = vl_ringBuffer(&position, &wrapped);
-    if (!wrapped) return U(ring);
-    return U(ring + position + 1) + U(ring);
+    return wrapped ? U(ring + position + 1) + U(ring) : U(ring);
 }
 
-// A profile: a device running kernel "kernelText" and bootloader "bootText", program in the
-// internal flash unless programPath says otherwise; extra tables appended as they are.
+// The journal's kernel requests with one control code.
+inline std::vector<nlohmann::json> ioctls(const TestDevice &td, const std::string &code) {
+    std::vector<nlohmann::json> out;
+    for (auto &ev : td.events("ioctl"))
+        if (ev["code"] == code) out.push_back(ev);
+    return out;
+}
+
+// A device running kernel "kernelText" and bootloader "bootText", program in the internal flash
+// unless programPath says otherwise; extra tables appended as they are.
 inline std::string profile(const std::string &extra = "", const std::string &kernelText = "WinCE V3.10 HW2 build",
                            const std::string &bootText = "U-Boot 2.0", const std::string &programPath = "") {
-    std::string p;
-    if (!programPath.empty()) p += "[device]\nprogram = '" + programPath + "'\n";
-    p += "[kernel]\nversion = '" + kernelText + "'\nbootloader_version = '" + bootText +
-         "'\nhardware_type = 'QX7'\nregion_version = 4\nhardware_version = 17\n";
-    p += extra;
-    return p;
+    std::string p = programPath.empty() ? "" : "[device]\nprogram = '" + programPath + "'\n";
+    return p + "[kernel]\nversion = '" + kernelText + "'\nbootloader_version = '" + bootText +
+           "'\nhardware_type = 'QX7'\nregion_version = 4\nhardware_version = 17\n" + extra;
 }
 
-// A descriptor record with version major, force, format and hardware version text.
+// A descriptor record with version major, force, format and hardware texts.
 inline DeviceDescriptor descriptor(DWORD major, DWORD force = 0, const std::string &hwVersion = "",
                                    DWORD format = 0, const std::string &hwType = "") {
     DeviceDescriptor d;
@@ -69,31 +78,43 @@ struct Engine {
 };
 
 // The package file: the descriptor text enciphered with the build's key.
-inline std::string sealPackage(const std::string &xml) {
-    std::string bytes = xml;
+inline std::string sealPackage(std::string bytes) {
     DWORD key[4];
     tarsk_packageKey(key);
     tarsk_encipher(reinterpret_cast<BYTE *>(&bytes[0]), DWORD(bytes.size()), key);
     return bytes;
 }
 
-inline std::string imageSection(const std::string &kind, int version, int force = 0, int format = 0,
-                                const std::string &hwVersion = "", const std::string &hwType = "QX7") {
-    return "<" + kind + "><upgrade><version>V" + std::to_string(version) + "</version><force>" +
-           std::to_string(force) + "</force><format>" + std::to_string(format) +
-           "</format><hardware><type>" + hwType + "</type><version>" + hwVersion +
-           "</version></hardware></upgrade></" + kind + ">";
-}
-
-inline std::string regionSection(const std::string &serial, int force, int hidden = 0, int visible = 0) {
-    return "<region><upgrade><serialnum>" + serial + "</serialnum><formatHidden>" + std::to_string(hidden) +
-           "</formatHidden><formatVisible>" + std::to_string(visible) + "</formatVisible><force>" +
-           std::to_string(force) + "</force></upgrade></region>";
-}
-
-inline std::string packageXml(const std::string &deviceBody, const std::string &region = "") {
-    return "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n<package><device>" + deviceBody + "</device>" + region +
-           "</package>\n";
-}
-
 }  // namespace engine_test
+
+// Running the built tools.
+namespace tool_test {
+
+namespace fs = std::filesystem;
+
+inline std::string quote(const std::string &s) {
+    std::string out = "'";
+    for (char c : s) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return out + "'";
+}
+
+inline std::string slurp(const fs::path &p) {
+    std::ifstream in(p, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+// Runs a command line with stdout and stderr into files; returns the exit code.
+inline int run(const std::string &cmd, const fs::path &out, const fs::path &err) {
+    int status = std::system((cmd + " >" + quote(out.string()) + " 2>" + quote(err.string())).c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// A fresh folder under the system's temporary folder (empty path when it cannot be made).
+inline fs::path tempFolder(const std::string &prefix) {
+    std::string tmpl = (fs::temp_directory_path() / (prefix + "-XXXXXX")).string();
+    return ::mkdtemp(tmpl.data()) ? fs::path(tmpl) : fs::path();
+}
+
+}  // namespace tool_test

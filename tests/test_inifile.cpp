@@ -10,6 +10,7 @@
 #include "platform/platform.h"
 #include "test_device.h"
 
+using std::string;
 using testing_support::TestDevice;
 using testing_support::U;
 using testing_support::W;
@@ -17,97 +18,78 @@ using testing_support::W;
 namespace {
 
 const char *const kIniPath = "\\My Flash Disk\\test.ini";
+typedef std::vector<string> Events;
 
-class IniTest : public ::testing::Test {
-protected:
-    // Writes the file and opens a reader on it.
-    void load(const std::string &text) {
-        ini.close();
-        device.put(kIniPath, text);
-        ASSERT_TRUE(ini.open(W(kIniPath).c_str()));
-    }
-    std::string lookup(const char *section, const char *key, bool *found, int size = 256) {
-        std::vector<char> buf(size, 'Z');
-        *found = ini.getString(section, key, buf.data(), size);
-        return std::string(buf.data());
-    }
-
-    TestDevice device;
-    CIniFile ini;
+struct LookupCase {
+    string name, text, section, key;
+    bool found;
+    string value;
+    int size = 256;
 };
 
-// ---- enumeration recorder ----
+struct EnumCase {
+    string name, text;
+    Events expect;
+    int stopAfter = -1;
+};
 
-std::vector<std::string> g_events;
+// Enumeration recorder: "S:section" per section, "K:section|key|value" per key.
+Events g_events;
 int g_stopAfter = -1;   // sections to visit before the section callback returns 0
 
 int recordKey(CIniFile *, const char *section, const char *key, const char *value) {
-    g_events.push_back(std::string("K:") + section + "|" + key + "|" + value);
+    g_events.push_back(string("K:") + section + "|" + key + "|" + value);
     return 0;
 }
 
 int recordSection(void *context, CIniFile *ini, const char *section) {
     EXPECT_EQ(context, (void *)&g_events);
-    g_events.push_back(std::string("S:") + section);
+    g_events.push_back(string("S:") + section);
     ini->enumKeys("ignored", recordKey);
-    if (g_stopAfter > 0 && --g_stopAfter == 0) return 0;
-    return 1;
+    return (g_stopAfter > 0 && --g_stopAfter == 0) ? 0 : 1;
 }
 
-std::vector<std::string> enumerate(CIniFile &ini) {
-    g_events.clear();
-    EXPECT_TRUE(ini.enumSections(recordSection, &g_events));
-    return g_events;
-}
-
-typedef std::vector<std::string> Events;
+class IniTest : public ::testing::Test {
+protected:
+    void load(const string &text) {
+        ini.close();
+        device.put(kIniPath, text);
+        ASSERT_TRUE(ini.open(W(kIniPath).c_str()));
+    }
+    string lookup(const string &section, const string &key, bool *found, int size = 256) {
+        std::vector<char> buf(size, 'Z');
+        *found = ini.getString(section.c_str(), key.c_str(), buf.data(), size);
+        return string(buf.data());
+    }
+    void check(const std::vector<LookupCase> &cases) {
+        for (const LookupCase &c : cases) {
+            load(c.text);
+            bool found = !c.found;
+            EXPECT_EQ(lookup(c.section, c.key, &found, c.size), c.value) << c.name;
+            EXPECT_EQ(found, c.found) << c.name;
+        }
+    }
+    void check(const std::vector<EnumCase> &cases) {
+        for (const EnumCase &c : cases) {
+            load(c.text);
+            g_events.clear();
+            g_stopAfter = c.stopAfter;
+            EXPECT_TRUE(ini.enumSections(recordSection, &g_events)) << c.name;
+            EXPECT_EQ(g_events, c.expect) << c.name;
+        }
+    }
+    TestDevice device;
+    CIniFile ini;
+};
 
 }  // namespace
 
-// ---- open and close ----
-
-TEST_F(IniTest, OpenMissingFileFailsAndLogs) {
+TEST_F(IniTest, OpenCloseAndTheClosedReader) {
     g_vlLogSettings.level = LOG_DEBUG;
     EXPECT_FALSE(ini.open(W("\\My Flash Disk\\none.ini").c_str()));
     EXPECT_FALSE(ini.isOpen());
     EXPECT_EQ(U(ini.getFileName()), "\\My Flash Disk\\none.ini");
-    int pos = 0;
-    BOOL wrapped = FALSE;
-    std::string log = U(vl_ringBuffer(&pos, &wrapped));
-    EXPECT_NE(log.find("CIniFile::open(): failed to open file [\\My Flash Disk\\none.ini] in mode [rb]"),
-              std::string::npos)
-        << log;
-}
-
-TEST_F(IniTest, OpenAndCloseLogAtDebug) {
-    g_vlLogSettings.level = LOG_DEBUG;
-    load("[A]\nk=1\n");
-    EXPECT_TRUE(ini.isOpen());
-    ini.close();
-    EXPECT_FALSE(ini.isOpen());
-    ini.close();   // a second close does nothing
-    int pos = 0;
-    BOOL wrapped = FALSE;
-    std::string log = U(vl_ringBuffer(&pos, &wrapped));
-    EXPECT_NE(log.find("CIniFile::open(): Opened file \\My Flash Disk\\test.ini in mode rb"), std::string::npos)
-        << log;
-    size_t closed = log.find("CIniFile::close(): Closed file \\My Flash Disk\\test.ini");
-    ASSERT_NE(closed, std::string::npos) << log;
-    EXPECT_EQ(log.find("CIniFile::close()", closed + 1), std::string::npos) << "closed twice: " << log;
-}
-
-TEST_F(IniTest, LowLevelOpenUsesStoredName) {
-    device.put("\\debug.ini", "[Tarsk]\nShowInfo=TRUE\n");
-    ini.setFileName(W("\\missing\\debug.ini").c_str());
-    EXPECT_FALSE(ini.open());
-    ini.setFileName(W("\\DEBUG.INI").c_str());   // the device's names ignore case
-    ASSERT_TRUE(ini.open());
-    int show = 0;
-    EXPECT_TRUE(ini.getBool("Tarsk", "ShowInfo", &show));
-    EXPECT_EQ(show, 1);
-}
-
-TEST_F(IniTest, ClosedReaderReturnsFalseWithTargetRules) {
+    // A closed reader finds nothing; getBool stores 0, getInt leaves its target.
     char buf[8] = "junk";
     EXPECT_FALSE(ini.getString("A", "k", buf, sizeof(buf)));
     EXPECT_STREQ(buf, "");
@@ -117,21 +99,31 @@ TEST_F(IniTest, ClosedReaderReturnsFalseWithTargetRules) {
     EXPECT_FALSE(ini.getInt("A", "k", &i));
     EXPECT_EQ(i, 7);
     EXPECT_TRUE(ini.enumSections(recordSection, &g_events));
+    load("[A]\nk=1\n");
+    ini.close();
+    EXPECT_FALSE(ini.isOpen());
+    ini.close();   // a second close does nothing
+    const string log = U(vl_ringBuffer(NULL, NULL));
+    for (const char *line : {"CIniFile::open(): failed to open file [\\My Flash Disk\\none.ini] in mode [rb]",
+                             "CIniFile::open(): Opened file \\My Flash Disk\\test.ini in mode rb",
+                             "CIniFile::close(): Closed file \\My Flash Disk\\test.ini", "CIniFile::close()"}) {
+        const size_t at = log.find(line);   // logged exactly once
+        EXPECT_TRUE(at != string::npos && at == log.rfind(line)) << line << "\n" << log;
+    }
+    // The low-level open takes the stored name.
+    device.put("\\debug.ini", "[Tarsk]\nShowInfo=TRUE\n");
+    ini.setFileName(W("\\missing\\debug.ini").c_str());
+    EXPECT_FALSE(ini.open());
+    ini.setFileName(W("\\DEBUG.INI").c_str());   // the device's names ignore case
+    ASSERT_TRUE(ini.open());
+    EXPECT_TRUE(ini.getBool("Tarsk", "ShowInfo", &b));
+    EXPECT_EQ(b, 1);
 }
 
 // ---- keyed lookup ----
 
-struct LookupCase {
-    const char *name;
-    const char *text;
-    const char *section;
-    const char *key;
-    bool found;
-    const char *value;
-};
-
 TEST_F(IniTest, KeyedLookupGrammar) {
-    const LookupCase cases[] = {
+    check({
         {"plain", "[Tarsk]\r\nBatteryThreshold=20\r\n", "Tarsk", "BatteryThreshold", true, "20"},
         {"header in lower case", "[tarsk]\nShowInfo=TRUE\n", "Tarsk", "ShowInfo", true, "TRUE"},
         {"key in other case", "[Tarsk]\nshowinfo=x\n", "Tarsk", "ShowInfo", true, "x"},
@@ -164,14 +156,35 @@ TEST_F(IniTest, KeyedLookupGrammar) {
         {"empty file", "", "A", "k", false, ""},
         {"empty section name", "[]\nk=1\n", "", "k", true, "1"},
         {"empty key never matches", "[A]\nk=1\n", "A", "", false, ""},
+        {"value cut to size 4", "[A]\nk=abcdef\n", "A", "k", true, "abc", 4},
+        {"value cut to size 1", "[A]\nk=abcdef\n", "A", "k", true, "", 1},
+        {"value fits size 7", "[A]\nk=abcdef\n", "A", "k", true, "abcdef", 7},
+    });
+}
+
+TEST_F(IniTest, KeyedLookupBuffersAndBoundaries) {
+    // "[" + name + "]" must fit the 256-byte section search buffer: 254 characters do, 255 do not.
+    const string fits(254, 's'), tooLong(255, 's'), huge(300, 's');
+    const string names = "[x]\n[" + fits + "]\nk=1\n[" + tooLong + "]\nk=2\n[" + huge + "]\nk=3\n";
+    std::vector<LookupCase> cases = {
+        {"section name of 254", names, fits, "k", true, "1"},
+        {"section name of 255", names, tooLong, "k", false, ""},
+        {"section name of 300", names, huge, "k", false, ""},
+        {"no line end within a chunk", "[A]\nk=" + string(5000, 'v') + "\nj=1\n", "A", "k", false, ""},
+        {"long line within a chunk", "[A]\nk=" + string(4000, 'v') + "\n", "A", "k", true, string(255, 'v')},
+        {"key of 5000", "[A]\n" + string(5000, 'k') + "=1\n", "A", string(5000, 'k'), false, ""},
+        {"name through a chunk", "[A]\n" + string(5000, 'k') + "\nk=2\n", "A", "k", true, "2"},
     };
-    for (const LookupCase &c : cases) {
-        load(c.text);
-        bool found = false;
-        std::string value = lookup(c.section, c.key, &found);
-        EXPECT_EQ(found, c.found) << c.name;
-        EXPECT_EQ(value, c.value) << c.name;
-    }
+    // The header at every offset around the section search's 256-byte boundary.
+    for (int at = 240; at <= 262; ++at)
+        cases.push_back({"header at " + std::to_string(at), string(at - 1, ' ') + "\n[Tarsk]\nk=v\n", "Tarsk", "k",
+                         true, "v"});
+    // The key search's 4096-byte chunk boundary before, inside the name, at the '=', in the value, at the end.
+    const string line = "BatteryThreshold = 77\n";
+    for (int at = 4096 - (int)line.size() - 2; at <= 4098; ++at)
+        cases.push_back({"line at " + std::to_string(at), "[Tarsk]" + string(at - 1, ' ') + "\n" + line, "Tarsk",
+                         "BatteryThreshold", true, "77"});
+    check(cases);
 }
 
 TEST_F(IniTest, LookupsRepeatInAnyOrder) {
@@ -183,132 +196,32 @@ TEST_F(IniTest, LookupsRepeatInAnyOrder) {
     EXPECT_TRUE(found);
 }
 
-TEST_F(IniTest, ValueCutToBufferSize) {
-    load("[A]\nk=abcdef\n");
-    bool found = false;
-    EXPECT_EQ(lookup("A", "k", &found, 4), "abc");
-    EXPECT_TRUE(found);
-    EXPECT_EQ(lookup("A", "k", &found, 1), "");
-    EXPECT_TRUE(found);
-    EXPECT_EQ(lookup("A", "k", &found, 7), "abcdef");
-}
-
-TEST_F(IniTest, SectionHeaderAcrossSearchBufferBoundary) {
-    // The header starts at every offset around the 256-byte boundary of the section search.
-    for (int offset = 240; offset <= 262; ++offset) {
-        std::string text(offset - 1, ' ');
-        text += "\n[Tarsk]\nk=v\n";
-        load(text);
-        bool found = false;
-        EXPECT_EQ(lookup("Tarsk", "k", &found), "v") << "header at " << offset;
-        EXPECT_TRUE(found) << "header at " << offset;
-    }
-}
-
-TEST_F(IniTest, OverlongSectionNamesDoNotOverrun) {
-    // "[" + name + "]" must fit the 256-byte search buffer: 254 characters do, 255 do not.
-    const std::string fits(254, 's'), tooLong(255, 's'), huge(300, 's');
-    load("[x]\n[" + fits + "]\nk=1\n[" + tooLong + "]\nk=2\n[" + huge + "]\nk=3\n");
-    bool found = false;
-    EXPECT_EQ(lookup(fits.c_str(), "k", &found), "1");
-    EXPECT_TRUE(found);
-    EXPECT_EQ(lookup(tooLong.c_str(), "k", &found), "");
-    EXPECT_FALSE(found);
-    EXPECT_EQ(lookup(huge.c_str(), "k", &found), "");
-    EXPECT_FALSE(found);
-}
-
-TEST_F(IniTest, KeyLineAcrossChunkBoundary) {
-    // The key search reads 4096-byte chunks from just behind the ']'. Place the line so that the
-    // boundary falls before, inside the name, at the '=', inside the value and at the line end.
-    const std::string line = "BatteryThreshold = 77\n";
-    for (int start = 4096 - (int)line.size() - 2; start <= 4098; ++start) {
-        std::string text = "[Tarsk]";
-        text += std::string(start - 1, ' ');
-        text += "\n" + line;
-        load(text);
-        bool found = false;
-        EXPECT_EQ(lookup("Tarsk", "BatteryThreshold", &found), "77") << "line at " << start;
-        EXPECT_TRUE(found) << "line at " << start;
-    }
-}
-
-TEST_F(IniTest, ValueLineWithoutEndWithinChunkIsRefused) {
-    load("[A]\nk=" + std::string(5000, 'v') + "\nj=1\n");
-    bool found = true;
-    EXPECT_EQ(lookup("A", "k", &found), "");
-    EXPECT_FALSE(found);
-    // a long line that ends within the chunk is found and cut to the buffer
-    load("[A]\nk=" + std::string(4000, 'v') + "\n");
-    EXPECT_EQ(lookup("A", "k", &found), std::string(255, 'v'));
-    EXPECT_TRUE(found);
-}
-
-TEST_F(IniTest, OverlongKeyDoesNotOverrun) {
-    const std::string longKey(5000, 'k');
-    load("[A]\n" + longKey + "=1\n");
-    bool found = true;
-    EXPECT_EQ(lookup("A", longKey.c_str(), &found), "");
-    EXPECT_FALSE(found);
-    // a key name running through a whole chunk without '=' is passed over
-    load("[A]\n" + std::string(5000, 'k') + "\nk=2\n");
-    EXPECT_EQ(lookup("A", "k", &found), "2");
-}
-
-// ---- typed readers ----
-
-TEST_F(IniTest, GetBoolOnlyTrueIsTrue) {
-    struct {
-        const char *value;
-        bool found;
-        int expect;
-    } const cases[] = {
-        {"TRUE", true, 1},   {"true", true, 1},  {"tRuE", true, 1},   {"TRUE ", true, 0},
-        {"1", true, 0},      {"yes", true, 0},   {"TRUEX", true, 0},  {"TRUEXY", true, 0},
-        {"FALSE", true, 0},  {"", true, 0},      {" TRUE", true, 1},  {"TRUE;x", true, 1},
+// getBool stores 0 also when nothing is found; getInt stores only a found value.
+TEST_F(IniTest, TypedReaders) {
+    struct { const char *section, *line; bool isInt, found; int expect; } const cases[] = {
+        {"T", "k=TRUE", false, true, 1},  {"T", "k=true", false, true, 1},   {"T", "k=tRuE", false, true, 1},
+        {"T", "k=TRUE ", false, true, 0}, {"T", "k=1", false, true, 0},      {"T", "k=yes", false, true, 0},
+        {"T", "k=TRUEX", false, true, 0}, {"T", "k=TRUEXY", false, true, 0}, {"T", "k=FALSE", false, true, 0},
+        {"T", "k=", false, true, 0},      {"T", "k= TRUE", false, true, 1},  {"T", "k=TRUE;x", false, true, 1},
+        {"T", "j=TRUE", false, false, 0}, {"X", "k=TRUE", false, false, 0},
+        {"T", "k = 0x20 ; comment", true, true, 32},
+        {"T", "k=abc", true, true, 0},    {"T", "j=5", true, false, 7},      {"X", "k=5", true, false, 7},
     };
     for (const auto &c : cases) {
-        load(std::string("[Tarsk]\nShowInfo=") + c.value + "\n");
+        load(string("[T]\n") + c.line + "\n");
         int v = 7;
-        EXPECT_EQ(ini.getBool("Tarsk", "ShowInfo", &v), c.found) << c.value;
-        EXPECT_EQ(v, c.expect) << c.value;
+        EXPECT_EQ(c.isInt ? ini.getInt(c.section, "k", &v) : ini.getBool(c.section, "k", &v), c.found) << c.line;
+        EXPECT_EQ(v, c.expect) << c.section << " " << c.line;
     }
-}
-
-TEST_F(IniTest, GetBoolStoresZeroWhenMissing) {
-    load("[Tarsk]\nShowInfo=TRUE\n");
-    int v = 7;
-    EXPECT_FALSE(ini.getBool("Tarsk", "Other", &v));
-    EXPECT_EQ(v, 0);
-    v = 7;
-    EXPECT_FALSE(ini.getBool("Nothing", "ShowInfo", &v));
-    EXPECT_EQ(v, 0);
-}
-
-TEST_F(IniTest, GetIntStoresOnlyWhenFound) {
-    load("[Tarsk]\nBatteryThreshold = 0x20 ; comment\nWord=abc\n");
-    int v = 55;
-    EXPECT_TRUE(ini.getInt("Tarsk", "BatteryThreshold", &v));
-    EXPECT_EQ(v, 32);
-    v = 55;
-    EXPECT_FALSE(ini.getInt("Tarsk", "Missing", &v));
-    EXPECT_EQ(v, 55);
-    EXPECT_TRUE(ini.getInt("Tarsk", "Word", &v));
-    EXPECT_EQ(v, 0);
 }
 
 TEST(IniAtoi, Conversion) {
-    struct {
-        const char *text;
-        int expect;
-    } const cases[] = {
-        {"42", 42},           {"  \t42abc", 42},      {"-0x1A", -26},        {"0x", 0},
-        {"0X", 0},            {"012", 12},            {"+5", 0},             {"0XfF", 255},
-        {"0x1g", 1},          {"-17", -17},           {"- 5", 0},            {"-", 0},
-        {"", 0},              {"abc", 0},             {"12 34", 12},         {"\n5", 0},
-        {"2147483647", INT_MAX}, {"2147483648", INT_MIN}, {"-2147483648", INT_MIN},
-        {"4294967295", -1},   {"4294967296", 0},      {"0xFFFFFFFF", -1},    {"0x100000001", 1},
-        {"99999999999", 1215752191},
+    struct { const char *text; int expect; } const cases[] = {
+        {"42", 42},    {"  \t42abc", 42}, {"-0x1A", -26}, {"0x", 0},    {"0X", 0},    {"012", 12},
+        {"+5", 0},     {"0XfF", 255},     {"0x1g", 1},    {"-17", -17}, {"- 5", 0},   {"-", 0},
+        {"", 0},       {"abc", 0},        {"12 34", 12},  {"\n5", 0},   {"2147483647", INT_MAX},
+        {"2147483648", INT_MIN}, {"-2147483648", INT_MIN}, {"4294967295", -1},   {"4294967296", 0},
+        {"0xFFFFFFFF", -1},      {"0x100000001", 1},       {"99999999999", 1215752191},
     };
     for (const auto &c : cases) EXPECT_EQ(ini_atoi(c.text), c.expect) << '"' << c.text << '"';
     EXPECT_EQ(ini_atoi(NULL), 0);
@@ -316,133 +229,76 @@ TEST(IniAtoi, Conversion) {
 
 // ---- enumeration ----
 
-struct EnumCase {
-    const char *name;
-    std::string text;
-    Events expect;
-};
-
 TEST_F(IniTest, EnumerationGrammar) {
-    const EnumCase cases[] = {
+    check({
         {"sections and keys", "[A]\nk=v\n[B]\nx=1\ny=2\n", {"S:A", "K:A|k|v", "S:B", "K:B|x|1", "K:B|y|2"}},
-        {"last line needs a line end", "[A]\nk=v\nj=w", {"S:A", "K:A|k|v"}},
-        {"last line with CR", "[A]\nk=v\r", {"S:A", "K:A|k|v"}},
-        {"double =", "[A]\nk==v\n", {"S:A", "K:A|k|v"}},
-        {"empty value CRLF", "[A]\nk=\r\n", {"S:A", "K:A|k|"}},
-        {"tab after = gives no call", "[A]\nk=\tv\n", {"S:A"}},
-        {"tab: value read as key", "[A]\nk=\tv=w\n", {"S:A", "K:A|v|w"}},
+        {"callback 0 stops", "[A]\nk=1\n[B]\nk=2\n[C]\nk=3\n", {"S:A", "K:A|k|1", "S:B", "K:B|k|2"}, 2},
+        {"no final line end", "[A]\nk=v\nj=w", {"S:A", "K:A|k|v"}}, {"final CR", "[A]\nk=v\r", {"S:A", "K:A|k|v"}},
+        {"double =", "[A]\nk==v\n", {"S:A", "K:A|k|v"}}, {"empty value CRLF", "[A]\nk=\r\n", {"S:A", "K:A|k|"}},
+        {"tab after =: no call", "[A]\nk=\tv\n", {"S:A"}}, {"tab: value as key", "[A]\nk=\tv=w\n", {"S:A", "K:A|v|w"}},
         {"tab inside value kept out", "[A]\nk=a\tb=c\n", {"S:A", "K:A|k|a", "K:A|b|c"}},
-        {"spaces kept both sides", "[A]\nk = v\n", {"S:A", "K:A|k | v"}},
-        {"leading spaces skipped", "[A]\n   k=v\n", {"S:A", "K:A|k|v"}},
+        {"spaces around =", "[A]\nk = v\n", {"S:A", "K:A|k | v"}}, {"indented", "[A]\n  k=v\n", {"S:A", "K:A|k|v"}},
         {"no comment syntax", "[A]\n;k=v;w\n# c\n", {"S:A", "K:A|;k|v;w"}},
-        {"key without =", "[A]\nk\nj=1\n", {"S:A", "K:A|j|1"}},
-        {"empty key", "[A]\n=v\n", {"S:A", "K:A||v"}},
+        {"key without =", "[A]\nk\nj=1\n", {"S:A", "K:A|j|1"}}, {"empty key", "[A]\n=v\n", {"S:A", "K:A||v"}},
         {"header-line key loses a char", "[A]abc=1\n", {"S:A", "K:A|bc|1"}},
         {"bracket in value opens section", "[A]\nname=abc[1]\nk=v\n", {"S:A", "S:1", "K:1|k|v"}},
         {"bracket starts value", "[A]\nk=[X]\nj=1\n", {"S:A", "S:X", "K:X|j|1"}},
-        {"adjacent headers", "[A][B]\nk=v\n", {"S:A", "S:B", "K:B|k|v"}},
-        {"empty header", "[]\nk=v\n", {"S:", "K:|k|v"}},
+        {"two headers", "[A][B]\nk=v\n", {"S:A", "S:B", "K:B|k|v"}}, {"empty header", "[]\nk=v\n", {"S:", "K:|k|v"}},
         {"names not trimmed", "[ A ]\nk=v\n", {"S: A ", "K: A |k|v"}},
         {"text before first header", "k=v\n[A]\nj=w\n", {"S:A", "K:A|j|w"}},
-        {"high byte ends name", "[A]\nk\xE9v\n", {"S:A", "K:A|k|v"}},
-        {"high byte then =", "[A]\nk\xE9=v\n", {"S:A", "K:A|k|v"}},
+        {"high byte ends", "[A]\nk\xE9v\n", {"S:A", "K:A|k|v"}}, {"high byte, =", "[A]\nk\xE9=v\n", {"S:A", "K:A|k|v"}},
         {"high bytes in value", "[A]\nk=\xE9t\xE9\n", {"S:A", "K:A|k|t\xE9"}},
-        {"NUL ends value", std::string("[A]\nk=v\0w=x\n", 12), {"S:A", "K:A|k|v", "K:A|w|x"}},
-        {"unclosed bracket at end", "[A]\nk=v\n[broken\n", {"S:A", "K:A|k|v"}},
-        {"empty file", "", {}},
+        {"NUL ends value", string("[A]\nk=v\0w=x\n", 12), {"S:A", "K:A|k|v", "K:A|w|x"}},
+        {"unclosed bracket at end", "[A]\nk=v\n[broken\n", {"S:A", "K:A|k|v"}}, {"empty file", "", {}},
+    });
+}
+
+TEST_F(IniTest, EnumerationBuffersAndBoundaries) {
+    const string x2047(2047, 'x'), n127(127, 'n');
+    std::vector<EnumCase> cases = {
+        // Values are cut at 2047 bytes; the tail behind the cut is dropped, also when it holds '='.
+        {"tail with =", "[A]\nk=" + string(2100, 'x') + "=y\nn=1\n", {"S:A", "K:A|k|" + x2047, "K:A|n|1"}},
+        {"tail with [", "[A]\nk=" + string(2100, 'x') + "[B]\nn=1\n", {"S:A", "K:A|k|" + x2047, "S:B", "K:B|n|1"}},
+        {"[ at the cut", "[A]\nk=" + x2047 + "[B]\nn=1\n", {"S:A", "S:B", "K:B|n|1"}},
+        {"key names cut at 127",
+         "[A]\n" + string(127, 'a') + "=1\n" + string(128, 'b') + "=2\n" + string(500, 'c') + "=3\nk=4\n",
+         {"S:A", "K:A|" + string(127, 'a') + "|1", "K:A|" + string(127, 'b') + "|2", "K:A|" + string(127, 'c') + "|3",
+          "K:A|k|4"}},
+        {"section names cut at 127", "[" + string(300, 'n') + "]\nk=v\n", {"S:" + n127, "K:" + n127 + "|k|v"}},
     };
-    for (const EnumCase &c : cases) {
-        load(c.text);
-        EXPECT_EQ(enumerate(ini), c.expect) << c.name;
+    for (size_t length : {2046, 2047, 2048, 3000, 5000})
+        cases.push_back({"value of " + std::to_string(length), "[A]\nk=" + string(length, 'x') + "\nn=1\n",
+                         {"S:A", "K:A|k|" + string(std::min<size_t>(length, 2047), 'x'), "K:A|n|1"}});
+    // A ']' 2047 bytes behind its '[' is found; one further ends the enumeration, without looping.
+    for (size_t at : {0, 100, 2040, 2047, 3000}) {
+        const string lead(at, '\n'), name = std::to_string(at);
+        cases.push_back({"] at 2047, lead " + name, lead + "[" + string(2046, 'n') + "]\nk=v\n",
+                         {"S:" + n127, "K:" + n127 + "|k|v"}});
+        cases.push_back(
+            {"] at 2048, lead " + name, lead + "[A]\nk=v\n[" + x2047 + "]\n[B]\nj=w\n", {"S:A", "K:A|k|v"}});
     }
-}
-
-TEST_F(IniTest, SectionCallbackZeroStops) {
-    load("[A]\nk=1\n[B]\nk=2\n[C]\nk=3\n");
-    g_stopAfter = 2;
-    EXPECT_EQ(enumerate(ini), (Events{"S:A", "K:A|k|1", "S:B", "K:B|k|2"}));
-}
-
-TEST_F(IniTest, LongValuesCutAt2047) {
-    struct {
-        size_t length;
-        size_t delivered;
-    } const cases[] = {{2046, 2046}, {2047, 2047}, {2048, 2047}, {3000, 2047}, {5000, 2047}};
-    for (const auto &c : cases) {
-        // The tail behind the cut is dropped: no empty call, no key made of the tail.
-        load("[A]\nk=" + std::string(c.length, 'x') + "\nn=1\n");
-        EXPECT_EQ(enumerate(ini), (Events{"S:A", "K:A|k|" + std::string(c.delivered, 'x'), "K:A|n|1"}))
-            << c.length;
+    // A plain refill (no value pending) inside a key name, at its '=', at the value's start, in a header.
+    for (int at = 2040; at <= 2050; ++at) {
+        const string lead = "[A]\n" + string(at - 7, ' ') + "\n";
+        cases.push_back({"key at " + std::to_string(at), lead + "abcd=1\n[B]\nk=v\n",
+                         {"S:A", "K:A|abcd|1", "S:B", "K:B|k|v"}});
+        cases.push_back(
+            {"header at " + std::to_string(at), lead + "[Bcdef]\nk=v\n", {"S:A", "S:Bcdef", "K:Bcdef|k|v"}});
     }
-    // a tail that holds '=' still yields nothing
-    load("[A]\nk=" + std::string(2100, 'x') + "=y\nn=1\n");
-    EXPECT_EQ(enumerate(ini), (Events{"S:A", "K:A|k|" + std::string(2047, 'x'), "K:A|n|1"}));
-    // a '[' in the tail opens a section as in any value
-    load("[A]\nk=" + std::string(2100, 'x') + "[B]\nn=1\n");
-    EXPECT_EQ(enumerate(ini), (Events{"S:A", "K:A|k|" + std::string(2047, 'x'), "S:B", "K:B|n|1"}));
-    // a '[' at the cut position opens its section; the value is not delivered
-    load("[A]\nk=" + std::string(2047, 'x') + "[B]\nn=1\n");
-    EXPECT_EQ(enumerate(ini), (Events{"S:A", "S:B", "K:B|n|1"}));
-}
-
-TEST_F(IniTest, LongKeyNamesCutAt127) {
-    load("[A]\n" + std::string(127, 'a') + "=1\n" + std::string(128, 'b') + "=2\n" + std::string(500, 'c') +
-         "=3\nk=4\n");
-    EXPECT_EQ(enumerate(ini), (Events{"S:A", "K:A|" + std::string(127, 'a') + "|1",
-                                      "K:A|" + std::string(127, 'b') + "|2",
-                                      "K:A|" + std::string(127, 'c') + "|3", "K:A|k|4"}));
-}
-
-TEST_F(IniTest, LongSectionNamesCutAt127) {
-    load("[" + std::string(300, 's') + "]\nk=v\n");
-    const std::string name(127, 's');
-    EXPECT_EQ(enumerate(ini), (Events{"S:" + name, "K:" + name + "|k|v"}));
-}
-
-TEST_F(IniTest, HeaderCloseWithin2047Bytes) {
-    // ']' 2047 bytes behind '[' is found; one further ends the enumeration, without looping.
-    const size_t offsets[] = {0, 100, 2040, 2047, 3000};
-    for (size_t at : offsets) {
-        std::string lead(at, '\n');
-        load(lead + "[" + std::string(2046, 'n') + "]\nk=v\n");
-        Events got = enumerate(ini);
-        ASSERT_EQ(got.size(), 2u) << at;
-        EXPECT_EQ(got[0], "S:" + std::string(127, 'n')) << at;
-        load(lead + "[A]\nk=v\n[" + std::string(2047, 'n') + "]\n[B]\nj=w\n");
-        EXPECT_EQ(enumerate(ini), (Events{"S:A", "K:A|k|v"})) << at;
-    }
-}
-
-TEST_F(IniTest, ManyLinesAcrossRefills) {
-    // Enough sections and keys to pass the 2048-byte buffer many times, with lines of varying length.
-    std::string text;
-    Events expect;
+    // Many sections and keys of varying length pass the 2048-byte buffer many times.
+    EnumCase many = {"many lines", "", {}};
     for (int s = 0; s < 20; ++s) {
-        std::string section = "Section" + std::to_string(s);
-        text += "[" + section + "]\r\n";
-        expect.push_back("S:" + section);
+        const string section = "Section" + std::to_string(s);
+        many.text += "[" + section + "]\r\n";
+        many.expect.push_back("S:" + section);
         for (int k = 0; k < 15; ++k) {
-            std::string key = "key" + std::to_string(k) + std::string(s % 7, '_');
-            std::string value = std::string(k * 13 % 90, 'v') + std::to_string(s * 100 + k);
-            text += key + "=" + value + "\r\n";
-            expect.push_back("K:" + section + "|" + key + "|" + value);
+            const string key = "key" + std::to_string(k) + string(s % 7, '_');
+            const string value = string(k * 13 % 90, 'v') + std::to_string(s * 100 + k);
+            many.text += key + "=" + value + "\r\n";
+            many.expect.push_back("K:" + section + "|" + key + "|" + value);
         }
     }
-    ASSERT_GT(text.size(), 10000u);
-    load(text);
-    EXPECT_EQ(enumerate(ini), expect);
-}
-
-TEST_F(IniTest, NamesAcrossPlainRefillComeThroughOnce) {
-    // No value before the boundary, so the buffer is refilled rather than compacted; put the
-    // boundary into a section name, a key name, at the '=' and at the value's start.
-    for (int at = 2040; at <= 2050; ++at) {
-        std::string text = "[A]\n";
-        text += std::string(at - text.size() - 1, ' ') + "\n";   // blanks: passed over in state 0
-        ASSERT_EQ(text.size(), (size_t)at);
-        load(text.substr(0, at - 3) + "\nabcd=1\n[B]\nk=v\n");
-        EXPECT_EQ(enumerate(ini), (Events{"S:A", "K:A|abcd|1", "S:B", "K:B|k|v"})) << at;
-        load(text.substr(0, at - 3) + "\n[Bcdef]\nk=v\n");
-        EXPECT_EQ(enumerate(ini), (Events{"S:A", "S:Bcdef", "K:Bcdef|k|v"})) << at;
-    }
+    ASSERT_GT(many.text.size(), 10000u);
+    cases.push_back(many);
+    check(cases);
 }

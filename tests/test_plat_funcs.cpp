@@ -35,51 +35,45 @@ DWORD lookup(const std::string &name) { return sys_getModelNumber(W(name).c_str(
 }  // namespace
 
 TEST(HardwareMemory, RoundsUpToTheNext8MB) {
-    struct Case { DWORD store, phys, size; const char *line; } cases[] = {
-        {0x00700000, 0x01800000, 0x02000000, "0x1f00000 (approx 31.0 MB)"},
-        {0x00800000, 0x01800000, 0x02800000, "0x2000000 (approx 32.0 MB)"},   // an exact multiple: one step more
-        {0x00000000, 0x01F80000, 0x02000000, "0x1f80000 (approx 31.524288 MB)"},   // raw remainder after the point
-        {0x00000000, 0x00000000, 0x00800000, "0x0 (approx 0.0 MB)"},
-        {0x01000000, 0x027FFFFF, 0x03800000, "0x37fffff (approx 55.1048575 MB)"},
+    struct Case { DWORD store, phys; bool storeFails; DWORD size; const char *line; } cases[] = {
+        {0x00700000, 0x01800000, false, 0x02000000, "0x1f00000 (approx 31.0 MB)"},
+        {0x00800000, 0x01800000, false, 0x02800000, "0x2000000 (approx 32.0 MB)"},   // exact multiple: one more
+        {0x00000000, 0x01F80000, false, 0x02000000, "0x1f80000 (approx 31.524288 MB)"},   // raw remainder
+        {0x00000000, 0x00000000, false, 0x00800000, "0x0 (approx 0.0 MB)"},
+        {0x01000000, 0x027FFFFF, false, 0x03800000, "0x37fffff (approx 55.1048575 MB)"},
+        {0x00800000, 0x01F00000, true, 0x02000000, "0x1f00000 (approx 31.0 MB)"},   // a failed store query counts 0
     };
     for (const Case &c : cases) {
-        TestDevice t(memoryProfile(c.store, c.phys));
+        TestDevice t(memoryProfile(c.store, c.phys) + (c.storeFails ? "[fail]\nGetStoreInformation = 31\n" : ""));
+        os_setLastError(0);
         DWORD size = 0xDEADBEEF;
         EXPECT_EQ(1, sys_getHardwareMemory(&size));
         EXPECT_EQ(c.size, size) << std::hex << c.store << " " << c.phys;
         EXPECT_TRUE(logged(std::string("Total physical RAM in the order of: ") + c.line)) << logText();
+        EXPECT_EQ(c.storeFails ? 31u : 0u, os_getLastError());
+        if (c.storeFails) {
+            EXPECT_TRUE(logged("ERROR, sys_getHardwareMemory(): GetStoreInformation() failed, error 31"));
+        }
     }
-}
-
-TEST(HardwareMemory, StoreQueryFailingCountsTheStoreAsZero) {
-    TestDevice t(memoryProfile(0x00800000, 0x01F00000) + "[fail]\nGetStoreInformation = 31\n");
-    DWORD size = 0;
-    EXPECT_EQ(1, sys_getHardwareMemory(&size));
-    EXPECT_EQ(0x02000000u, size);   // 0x01F00000 alone, not 0x02700000
-    EXPECT_EQ(31u, os_getLastError());
-    EXPECT_TRUE(logged("ERROR, sys_getHardwareMemory(): GetStoreInformation() failed, error 31"));
 }
 
 TEST(HardwareVersion, FromTheKernel) {
-    {
-        TestDevice t("[kernel]\nhardware_version = 3\n");
-        EXPECT_EQ(3u, sys_getHardwareVersion());
-        EXPECT_TRUE(logged("sys_getHardwareVersion(): KernelIoControl(IOCTL_HAL_READ_HW_VERSION) returned 3"));
+    const std::string line = "sys_getHardwareVersion(): KernelIoControl(IOCTL_HAL_READ_HW_VERSION) ";
+    struct Case { const char *profile; DWORD version, lastError; std::string line; } cases[] = {
+        {"[kernel]\nhardware_version = 3\n", 3, 0, line + "returned 3"},
+        {"", 0, ERROR_NOT_SUPPORTED, line + "failed, error 50"},   // no answer: the query fails
+        {"[kernel]\nhardware_version = 3\n[kernel.fail]\n'0x01012028' = 31\n", 0, 31, line + "failed, error 31"},
+    };
+    for (const Case &c : cases) {
+        TestDevice t(c.profile);
+        os_setLastError(0);
+        EXPECT_EQ(c.version, sys_getHardwareVersion()) << c.profile;
+        EXPECT_EQ(c.lastError, os_getLastError()) << c.profile;
+        EXPECT_TRUE(logged(c.line)) << logText();
         auto calls = t.events("ioctl");
-        ASSERT_EQ(1u, calls.size());
+        ASSERT_EQ(1u, calls.size()) << c.profile;
         EXPECT_EQ("0x01012028", calls[0]["code"]);
         EXPECT_EQ("", calls[0]["input"]);
-    }
-    {
-        TestDevice t;   // no answer: the query fails
-        EXPECT_EQ(0u, sys_getHardwareVersion());
-        EXPECT_EQ(DWORD(ERROR_NOT_SUPPORTED), os_getLastError());
-        EXPECT_TRUE(logged("sys_getHardwareVersion(): KernelIoControl(IOCTL_HAL_READ_HW_VERSION) failed, error 50"));
-    }
-    {
-        TestDevice t("[kernel]\nhardware_version = 3\n[kernel.fail]\n'0x01012028' = 31\n");
-        EXPECT_EQ(0u, sys_getHardwareVersion());
-        EXPECT_EQ(31u, os_getLastError());
     }
 }
 
@@ -104,7 +98,7 @@ TEST(ModelNumber, EveryRowByItsOwnName) {
 }
 
 TEST(ModelNumber, MatchRules) {
-    struct Case { const char *name; DWORD number; } cases[] = {
+    struct Case { std::string name; DWORD number; } cases[] = {
         {"veska320xl", 21},        // upper-cased first
         {"x7", 52},
         {"VESKA320XLT", 21},       // prefix over the row's full length
@@ -116,12 +110,9 @@ TEST(ModelNumber, MatchRules) {
         {"TREKNOVA1", 0},
         {"", 0},
         {"UNKNOWN", 0},
+        {std::string(257, 'A') + "X7", 52},   // ends at character 259
+        {std::string(258, 'A') + "X7", 0},    // only the first 259 characters are searched
     };
     for (const Case &c : cases) EXPECT_EQ(c.number, lookup(c.name)) << c.name;
     EXPECT_EQ(0u, sys_getModelNumber(NULL));
-}
-
-TEST(ModelNumber, OnlyTheFirst259CharactersAreSearched) {
-    EXPECT_EQ(52u, lookup(std::string(257, 'A') + "X7"));   // ends at character 259
-    EXPECT_EQ(0u, lookup(std::string(258, 'A') + "X7"));    // its last character is cut
 }

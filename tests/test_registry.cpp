@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <vector>
 
 using testing_support::TestDevice;
 using testing_support::U;
@@ -27,12 +28,16 @@ std::string logText() {
 
 bool logged(const std::string &text) { return logText().find(text) != std::string::npos; }
 
-void fill(WCHAR *buf, size_t n, const char *text) {
-    std::u16string w = W(text);
-    ASSERT_LT(w.size(), n);
-    std::copy(w.begin(), w.end(), buf);
-    buf[w.size()] = 0;
-}
+// An output buffer holding a marker text, to tell whether it was written.
+struct Buf {
+    WCHAR w[MAX_PATH];
+    explicit Buf(const std::string &text = "untouched") {
+        std::u16string s = W(text);
+        std::copy(s.begin(), s.end(), w);
+        w[s.size()] = 0;
+    }
+    std::string str() const { return U(w); }
+};
 
 }  // namespace
 
@@ -46,27 +51,15 @@ TEST(HardwareName, CutsMakerAndModelSuffix) {
         {"velmar X7", 1, "velmar"},                  // the maker's word is matched as written
         {"Velmar", 1, "Velmar"},                     // shorter than the maker's word and its blank
         {std::string(259, 'Z'), 1, std::string(259, 'Z')},   // 520 bytes with the terminator: fits
-        {std::string(260, 'Z'), 0, ""},              // one more does not
+        {std::string(260, 'Z'), 0, ""},              // one more does not: the buffer is emptied
     };
     for (const Case &c : cases) {
         TestDevice t;
         t.dev().registry().setString("Information", "Hardware", W(c.stored));
-        WCHAR name[MAX_PATH];
-        fill(name, MAX_PATH, "junk");
-        EXPECT_EQ(c.result, sys_getHardwareName(name)) << c.stored;
-        EXPECT_EQ(c.name, U(name)) << c.stored;
+        Buf name("junk");
+        EXPECT_EQ(c.result, sys_getHardwareName(name.w)) << c.stored;
+        EXPECT_EQ(c.name, name.str()) << c.stored;
     }
-}
-
-TEST(HardwareName, MissingValueEmptiesBuffer) {
-    TestDevice t;
-    t.dev().registry().setString("Information", "Internal", u"\\My Flash Disk");
-    WCHAR name[MAX_PATH];
-    fill(name, MAX_PATH, "junk");
-    EXPECT_EQ(0, sys_getHardwareName(name));
-    EXPECT_EQ("", U(name));
-    EXPECT_TRUE(logged("getVLRegistryString(): RegQueryValueEx(HKLM\\Information|Velmar\\Hardware) failed, error 2"));
-    EXPECT_EQ(2u, os_getLastError());
 }
 
 TEST(VLRegistryString, VelmarKeyServesWhenInformationIsMissing) {
@@ -74,25 +67,17 @@ TEST(VLRegistryString, VelmarKeyServesWhenInformationIsMissing) {
     t.dev().registry().setString("Velmar", "External1", u"\\SD Card");
     t.dev().registry().setString("Velmar", "Internal", u"\\Flash");
     g_vlLogSettings.level = LOG_DEBUG;
-    WCHAR path[MAX_PATH];
-    ASSERT_EQ(1, sys_getExternalPath1(path));
-    EXPECT_EQ("\\SD Card", U(path));
-    ASSERT_EQ(1, sys_getInternalPath(path));
-    EXPECT_EQ("\\Flash", U(path));
+    Buf path;
+    ASSERT_EQ(1, sys_getExternalPath1(path.w));
+    EXPECT_EQ("\\SD Card", path.str());
+    ASSERT_EQ(1, sys_getInternalPath(path.w));
+    EXPECT_EQ("\\Flash", path.str());
     EXPECT_TRUE(logged("DEBUG, getVLRegistryString(): HKLM\\Information|Velmar\\External1 = \\SD Card"));
     EXPECT_FALSE(t.dev().registry().exists("Information"));   // the platform reader never creates it
 }
 
-TEST(VLRegistryString, InformationWithoutTheValueDoesNotFallBack) {
-    TestDevice t;
-    t.dev().registry().setString("Information", "Hardware", u"Velmar X7");
-    t.dev().registry().setString("Velmar", "Internal", u"\\Flash");
-    WCHAR path[MAX_PATH];
-    EXPECT_EQ(0, sys_getInternalPath(path));
-    EXPECT_TRUE(logged("ERROR, getVLRegistryString(): RegQueryValueEx(HKLM\\Information|Velmar\\Internal) failed, error 2"));
-}
-
 TEST(VLRegistryString, Failures) {
+    const std::string query = "ERROR, getVLRegistryString(): RegQueryValueEx(HKLM\\Information|Velmar\\Internal) ";
     struct Case {
         const char *what;
         std::function<void(sim::Registry &)> setup;
@@ -101,20 +86,26 @@ TEST(VLRegistryString, Failures) {
     } cases[] = {
         {"no key", [](sim::Registry &) {},
          "ERROR, getVLRegistryString(): RegOpenKeyEx(HKLM\\Information|Velmar) failed, error 2", 2},
+        {"no value under Information: Velmar not asked",
+         [](sim::Registry &r) {
+             r.setString("Information", "Hardware", u"Velmar X7");
+             r.setString("Velmar", "Internal", u"\\Flash");
+         },
+         query + "failed, error 2", 2},
         {"number", [](sim::Registry &r) { r.setDword("Information", "Internal", 7); },
-         "ERROR, getVLRegistryString(): RegQueryValueEx(HKLM\\Information|Velmar\\Internal) returned type = 4, size = 4", 0},
+         query + "returned type = 4, size = 4", 0},
         {"size 0", [](sim::Registry &r) { r.setValue("Information", "Internal", REG_SZ, {}); },
-         "ERROR, getVLRegistryString(): RegQueryValueEx(HKLM\\Information|Velmar\\Internal) returned type = 1, size = 0", 0},
+         query + "returned type = 1, size = 0", 0},
         {"too long", [](sim::Registry &r) { r.setString("Information", "Internal", std::u16string(300, u'a')); },
-         "ERROR, getVLRegistryString(): RegQueryValueEx(HKLM\\Information|Velmar\\Internal) failed, error 234", 234},
+         query + "failed, error 234", 234},
     };
     for (const Case &c : cases) {
         TestDevice t;
         c.setup(t.dev().registry());
         os_setLastError(0);
         SetLastError(0);
-        WCHAR value[MAX_PATH];
-        EXPECT_EQ(0, getVLRegistryString(TEXT("Internal"), value, MAX_PATH)) << c.what;
+        Buf value;
+        EXPECT_EQ(0, getVLRegistryString(TEXT("Internal"), value.w, MAX_PATH)) << c.what;
         EXPECT_TRUE(logged(c.message)) << c.what << "\n" << logText();
         EXPECT_EQ(c.lastError, os_getLastError()) << c.what;
     }
@@ -123,96 +114,62 @@ TEST(VLRegistryString, Failures) {
 TEST(VLRegistryString, CopiesWithinCapacity) {
     TestDevice t;
     t.dev().registry().setString("Information", "Internal", u"\\My Flash Disk");
-    WCHAR value[6];
-    ASSERT_EQ(1, getVLRegistryString(TEXT("Internal"), value, 6));
-    EXPECT_EQ("\\My F", U(value));
+    Buf value;
+    ASSERT_EQ(1, getVLRegistryString(TEXT("Internal"), value.w, 6));
+    EXPECT_EQ("\\My F", value.str());
 }
 
-TEST(KnownRoots, ByModelTable) {
-    const std::string flash = "\\My Flash Disk", card = "\\Storage Card";
-    struct Case { DWORD model; std::string internal, external, install; } cases[] = {
-        {1, flash, card, "\\My Flash Disk\\Velmar\\Waylume_CE"},
-        {2, flash, card, "\\My Flash Disk\\Velmar\\Waylume_CE"},
-        {3, "\\CF DISK", card, "\\CF DISK\\Velmar\\Waylume_CE"},
-        {4, "", card, "\\Program Files\\Velmar\\Waylume_CE"},
-        {10, "", card, "\\Program Files\\Velmar\\Waylume_CE"},
-        {11, "\\CF DISK", card, "\\DiskOnChip\\Velmar\\Waylume_CE"},
-        {15, "", card, "\\Storage Card\\Velmar\\System\\\\Waylume_CE"},   // the doubled separator stays
-        {16, "", card, "\\Storage Card\\Image"},
-        {17, flash, card, "\\My Flash Disk\\Program Files\\Velmar\\Waylume_CE"},
-        {57, flash, card, "\\My Flash Disk\\Program Files\\Velmar\\Waylume_CE"},
-        {59, flash, card, "\\My Flash Disk\\Program Files\\Velmar\\Waylume_CE"},
-        {60, flash, card, "\\My Flash Disk\\Program Files\\Velmar\\Waylume_CE"},
+TEST(KnownRoots, ByModelAndFromDebugIni) {
+    const std::string flash = "\\My Flash Disk", card = "\\Storage Card", none = "untouched";
+    struct Case { std::vector<DWORD> models; const char *ini; std::string internal, external, install; } cases[] = {
+        {{1, 2}, NULL, flash, card, "\\My Flash Disk\\Velmar\\Waylume_CE"},
+        {{3}, NULL, "\\CF DISK", card, "\\CF DISK\\Velmar\\Waylume_CE"},
+        {{4, 10}, NULL, "", card, "\\Program Files\\Velmar\\Waylume_CE"},
+        {{11}, NULL, "\\CF DISK", card, "\\DiskOnChip\\Velmar\\Waylume_CE"},
+        {{15}, NULL, "", card, "\\Storage Card\\Velmar\\System\\\\Waylume_CE"},   // the doubled separator stays
+        {{16}, NULL, "", card, "\\Storage Card\\Image"},
+        {{17, 57, 59, 60}, NULL, flash, card, "\\My Flash Disk\\Program Files\\Velmar\\Waylume_CE"},
         // the rest come from debug.ini; with none, the defaults, and the install folder untouched
-        {0, flash, card, "untouched"},
-        {12, flash, card, "untouched"},
-        {14, flash, card, "untouched"},
-        {58, flash, card, "untouched"},
-        {61, flash, card, "untouched"},
-        {0xFFFFFFFFu, flash, card, "untouched"},
+        {{0, 12, 14, 58, 61, 0xFFFFFFFFu}, NULL, flash, card, none},
+        {{12}, "[Device]\r\nInternalPath=\\Flash2\r\nExternalPath1=\\SD2\r\n", "\\Flash2", "\\SD2", none},
+        {{12}, "[Device]\r\nInternalPath=X\r\nExternalPath1=\\SD2\r\n", none, "\\SD2", none},   // one character: not used
+        {{12}, "[Device]\r\nInternalPath=\\F\r\n", "\\F", none, none},
+        {{12}, "[Other]\r\nInternalPath=\\Flash2\r\n", none, none, none},
     };
-    TestDevice t;
     for (const Case &c : cases) {
-        WCHAR internal[MAX_PATH], external[MAX_PATH], install[MAX_PATH];
-        fill(internal, MAX_PATH, "untouched");
-        fill(external, MAX_PATH, "untouched");
-        fill(install, MAX_PATH, "untouched");
-        EXPECT_EQ(1, sys_getKnownRoots(c.model, internal, MAX_PATH, external, MAX_PATH, install, MAX_PATH));
-        EXPECT_EQ(c.internal, U(internal)) << c.model;
-        EXPECT_EQ(c.external, U(external)) << c.model;
-        EXPECT_EQ(c.install, U(install)) << c.model;
+        for (DWORD model : c.models) {
+            TestDevice t;
+            if (c.ini) t.put("\\debug.ini", c.ini);
+            Buf internal, external, install;
+            EXPECT_EQ(1, sys_getKnownRoots(model, internal.w, MAX_PATH, external.w, MAX_PATH, install.w, MAX_PATH));
+            const std::string what = std::to_string(model) + " " + (c.ini ? c.ini : "");
+            EXPECT_EQ(c.internal, internal.str()) << what;
+            EXPECT_EQ(c.external, external.str()) << what;
+            EXPECT_EQ(c.install, install.str()) << what;
+        }
     }
 }
 
 TEST(KnownRoots, CapacitiesBoundEachOutput) {
     TestDevice t;
-    WCHAR internal[8], external[8], install[8];
-    fill(internal, 8, "keep");
-    fill(external, 8, "keep");
-    fill(install, 8, "keep");
-    EXPECT_EQ(1, sys_getKnownRoots(17, internal, 0, external, 5, install, 1));
-    EXPECT_EQ("keep", U(internal));   // capacity 0: not written
-    EXPECT_EQ("\\Sto", U(external));  // capacity - 1 characters and the terminator
-    EXPECT_EQ("", U(install));
-    fill(internal, 8, "keep");
-    EXPECT_EQ(1, sys_getKnownRoots(12, internal, 0, external, 8, NULL, 0));   // defaults are bounded too
-    EXPECT_EQ("keep", U(internal));
-    EXPECT_EQ("\\Storag", U(external));
-}
-
-TEST(KnownRoots, FromDebugIni) {
-    struct Case { const char *ini; std::string internal, external; } cases[] = {
-        {"[Device]\r\nInternalPath=\\Flash2\r\nExternalPath1=\\SD2\r\n", "\\Flash2", "\\SD2"},
-        {"[Device]\r\nInternalPath=X\r\nExternalPath1=\\SD2\r\n", "untouched", "\\SD2"},   // one character: not used
-        {"[Device]\r\nInternalPath=\\F\r\n", "\\F", "untouched"},
-        {"[Other]\r\nInternalPath=\\Flash2\r\n", "untouched", "untouched"},
-    };
-    for (const Case &c : cases) {
-        TestDevice t;
-        t.put("\\debug.ini", c.ini);
-        WCHAR internal[MAX_PATH], external[MAX_PATH], install[MAX_PATH];
-        fill(internal, MAX_PATH, "untouched");
-        fill(external, MAX_PATH, "untouched");
-        fill(install, MAX_PATH, "untouched");
-        EXPECT_EQ(1, sys_getKnownRoots(12, internal, MAX_PATH, external, MAX_PATH, install, MAX_PATH));
-        EXPECT_EQ(c.internal, U(internal)) << c.ini;
-        EXPECT_EQ(c.external, U(external)) << c.ini;
-        EXPECT_EQ("untouched", U(install)) << c.ini;
-    }
+    Buf internal("keep"), external("keep"), install("keep");
+    EXPECT_EQ(1, sys_getKnownRoots(17, internal.w, 0, external.w, 5, install.w, 1));
+    EXPECT_EQ("keep", internal.str());   // capacity 0: not written
+    EXPECT_EQ("\\Sto", external.str());  // capacity - 1 characters and the terminator
+    EXPECT_EQ("", install.str());
+    EXPECT_EQ(1, sys_getKnownRoots(12, internal.w, 0, external.w, 8, NULL, 0));   // defaults are bounded too
+    EXPECT_EQ("keep", internal.str());
+    EXPECT_EQ("\\Storag", external.str());
 }
 
 TEST(TarskRegistry, CreatesEmptyInformationAndFindsNothing) {
     TestDevice t;
     t.dev().registry().setString("Velmar", "Internal", u"\\Flash");   // the engine never looks here
     CTarskRegistry reg;
-    WCHAR path[64];
-    fill(path, 64, "junk");
-    EXPECT_EQ(0, reg.GetInternalPath(path, 64));
-    EXPECT_EQ("", U(path));
+    Buf path("junk");
+    EXPECT_EQ(0, reg.GetInternalPath(path.w, 64));
+    EXPECT_EQ("", path.str());
     EXPECT_EQ(2u, os_getLastError());
-    fill(path, 64, "junk");
-    EXPECT_EQ(0, reg.GetExternalPath(1, path, 64));
-    EXPECT_EQ("", U(path));
     DWORD flash = 77;
     EXPECT_EQ(0, reg.ReadNumber(TEXT("FlashType"), &flash));
     EXPECT_EQ(77u, flash);
@@ -232,14 +189,14 @@ TEST(TarskRegistry, ReadsValuesOfTheRightType) {
     r.setString("Information", "Empty", u"");
     r.setValue("Information", "NoBytes", REG_DWORD, {});
     CTarskRegistry reg;
-    WCHAR path[64];
-    EXPECT_EQ(1, reg.GetInternalPath(path, 64));
-    EXPECT_EQ("\\My Flash Disk", U(path));
-    EXPECT_EQ(1, reg.GetExternalPath(2, path, 64));
-    EXPECT_EQ("\\SD", U(path));
-    EXPECT_EQ(0, reg.GetExternalPath(1, path, 64));
-    EXPECT_EQ("", U(path));
-    EXPECT_EQ(0, reg.ReadString(TEXT("Empty"), path, 64));
+    Buf path;
+    EXPECT_EQ(1, reg.GetInternalPath(path.w, 64));
+    EXPECT_EQ("\\My Flash Disk", path.str());
+    EXPECT_EQ(1, reg.GetExternalPath(2, path.w, 64));
+    EXPECT_EQ("\\SD", path.str());
+    EXPECT_EQ(0, reg.GetExternalPath(1, path.w, 64));
+    EXPECT_EQ("", path.str());
+    EXPECT_EQ(0, reg.ReadString(TEXT("Empty"), path.w, 64));
     DWORD n = 0;
     EXPECT_EQ(1, reg.ReadNumber(TEXT("FlashType"), &n));
     EXPECT_EQ(3u, n);
@@ -248,9 +205,9 @@ TEST(TarskRegistry, ReadsValuesOfTheRightType) {
     EXPECT_EQ(0, reg.ReadNumber(TEXT("NoBytes"), &n));
     EXPECT_EQ(9u, n);
     // capacity * 2 bytes is all it reads: "\My Flash Disk" needs 15 characters with its terminator
-    EXPECT_EQ(0, reg.ReadString(TEXT("Internal"), path, 14));
+    EXPECT_EQ(0, reg.ReadString(TEXT("Internal"), path.w, 14));
     EXPECT_EQ(234u, os_getLastError());
-    EXPECT_EQ(1, reg.ReadString(TEXT("Internal"), path, 15));
-    EXPECT_EQ("\\My Flash Disk", U(path));
+    EXPECT_EQ(1, reg.ReadString(TEXT("Internal"), path.w, 15));
+    EXPECT_EQ("\\My Flash Disk", path.str());
     EXPECT_EQ(0u, t.dev().objects().count());
 }

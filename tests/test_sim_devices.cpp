@@ -4,7 +4,7 @@
 
 #include <cstring>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <stdexcept>
 #include <vector>
 
@@ -24,17 +24,20 @@ bool hdd(TestDevice &td) { return sim::fs::is_directory(td.folder() / "fs" / "HD
 
 std::vector<std::string> activeKeys(TestDevice &td) { return td.dev().registry().subkeyNames("HKLM\\Drivers\\Active"); }
 
+HANDLE activeHandle(TestDevice &td) { return reinterpret_cast<HANDLE>(uintptr_t(td.dev().devices().activeHandle())); }
+
 std::string readImage(TestDevice &td) {
     std::ifstream in(td.dev().devices().imageFile(), std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
+// CreateFileW hands a device name to the driver.
 HANDLE openDisk(const std::u16string &name = u"DSK1:") {
-    HANDLE h = INVALID_HANDLE_VALUE;
-    if (!sim::openDeviceName(name, GENERIC_READ, &h)) return INVALID_HANDLE_VALUE;
-    return h;
+    return CreateFileW(name.c_str(), GENERIC_READ, 0, NULL, OPEN_EXISTING, 0, NULL);
+}
+
+BOOL getInfo(HANDLE h, DISK_INFO *info, DWORD size = sizeof(DISK_INFO), DWORD *got = NULL) {
+    return DeviceIoControl(h, DISK_IOCTL_GETINFO, NULL, 0, info, size, got, NULL);
 }
 
 // One buffer of one sector at `sector`.
@@ -67,67 +70,29 @@ bool waitHdd(TestDevice &td, bool present, DWORD deviceMs = 20000) {
 
 TEST(SimDevices, LoadedDriverHasItsActiveEntryAndDisk) {
     TestDevice td(kLoaded);
+    sim::Registry &reg = td.dev().registry();
     ASSERT_EQ(activeKeys(td), std::vector<std::string>{"01"});
-    EXPECT_EQ(td.dev().registry().stringValue("Drivers\\Active\\01", "Key"), W("Drivers\\BuiltIn\\FDSK"));
-    EXPECT_TRUE(hdd(td));
-    EXPECT_TRUE(td.events("activate_device").empty());   // the start is not a call
-
-    // As the device program finds it: enumerate the Active keys, read Key, Name and Hnd.
-    HKEY active = NULL;
-    ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, u"Drivers\\Active", 0, 0, &active), ERROR_SUCCESS);
-    WCHAR sub[64];
-    DWORD len = 64;
-    ASSERT_EQ(RegEnumKeyExW(active, 0, sub, &len, NULL, NULL, NULL, NULL), ERROR_SUCCESS);
-    HKEY key = NULL;
-    ASSERT_EQ(RegOpenKeyExW(active, sub, 0, 0, &key), ERROR_SUCCESS);
-    WCHAR name[130];
-    DWORD size = sizeof name, type = 0;
-    ASSERT_EQ(RegQueryValueExW(key, u"Name", NULL, &type, reinterpret_cast<BYTE *>(name), &size), ERROR_SUCCESS);
-    EXPECT_EQ(type, DWORD(REG_SZ));
-    EXPECT_EQ(std::u16string(name), W("DSK1:"));
-    DWORD hndValue = 0;
-    size = 4;
-    ASSERT_EQ(RegQueryValueExW(key, u"Hnd", NULL, &type, reinterpret_cast<BYTE *>(&hndValue), &size), ERROR_SUCCESS);
-    EXPECT_EQ(type, DWORD(REG_DWORD));
+    EXPECT_EQ(reg.stringValue("Drivers\\Active\\01", "Key"), W("Drivers\\BuiltIn\\FDSK"));
+    EXPECT_EQ(reg.stringValue("Drivers\\Active\\01", "Name"), W("DSK1:"));
+    auto hnd = reg.value("Drivers\\Active\\01", "Hnd");
+    ASSERT_TRUE(hnd && hnd->type == REG_DWORD && hnd->data.size() == 4);
+    DWORD hndValue;
+    std::memcpy(&hndValue, hnd->data.data(), 4);
     EXPECT_EQ(hndValue, td.dev().devices().activeHandle());
     EXPECT_NE(hndValue, 0u);
-    len = 64;
-    EXPECT_EQ(RegEnumKeyExW(active, 1, sub, &len, NULL, NULL, NULL, NULL), ERROR_NO_MORE_ITEMS);
-    RegCloseKey(key);
-    RegCloseKey(active);
-
-    // CreateFileW hands the name to the driver.
-    HANDLE h = CreateFileW(name, GENERIC_READ, 0, NULL, OPEN_EXISTING, 0, NULL);
-    ASSERT_NE(h, INVALID_HANDLE_VALUE);
-    DISK_INFO info;
-    EXPECT_TRUE(DeviceIoControl(h, DISK_IOCTL_GETINFO, NULL, 0, &info, sizeof info, NULL, NULL));
-    EXPECT_TRUE(CloseHandle(h));
-    ASSERT_TRUE(DeactivateDevice(reinterpret_cast<HANDLE>(uintptr_t(hndValue))));
-    SetLastError(0);
-    EXPECT_EQ(CreateFileW(name, GENERIC_READ, 0, NULL, OPEN_EXISTING, 0, NULL), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_FILE_NOT_FOUND));
-}
-
-TEST(SimDevices, NoFlashDiskWithoutItsTable) {
-    TestDevice td;
-    EXPECT_TRUE(activeKeys(td).empty());
-    EXPECT_FALSE(hdd(td));
-    SetLastError(0);
-    EXPECT_EQ(ActivateDevice(kFdsk.c_str(), 0), (HANDLE)NULL);
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_FILE_NOT_FOUND));
+    EXPECT_TRUE(hdd(td));
+    EXPECT_TRUE(td.events("activate_device").empty());   // the start is not a call
+    EXPECT_TRUE(DeactivateDevice(reinterpret_cast<HANDLE>(uintptr_t(hndValue))));   // the value is the handle
 }
 
 TEST(SimDevices, ActivateAndDeactivateMoveTheEntryAndTheDisk) {
     TestDevice td(std::string("[registry.'HKLM\\Drivers\\Active\\01']\nKey = 'Drivers\\BuiltIn\\Serial'\n") + kUnloaded);
-    EXPECT_FALSE(hdd(td));
     ASSERT_EQ(activeKeys(td), std::vector<std::string>{"01"});
 
     HANDLE h = ActivateDevice(u"drivers\\builtin\\fdsk", 0);   // registry paths ignore case
     ASSERT_NE(h, (HANDLE)NULL);
     EXPECT_EQ(activeKeys(td), (std::vector<std::string>{"01", "02"}));   // the next free number
-    sim::Registry &reg = td.dev().registry();
-    EXPECT_EQ(reg.stringValue("Drivers\\Active\\02", "Key"), W("Drivers\\BuiltIn\\FDSK"));
-    EXPECT_TRUE(hdd(td));
+    EXPECT_EQ(td.dev().registry().stringValue("Drivers\\Active\\02", "Key"), W("Drivers\\BuiltIn\\FDSK"));
     auto a = td.events("activate_device");
     ASSERT_EQ(a.size(), 1u);
     EXPECT_EQ(a[0]["key"], "drivers\\builtin\\fdsk");
@@ -137,7 +102,6 @@ TEST(SimDevices, ActivateAndDeactivateMoveTheEntryAndTheDisk) {
     std::ofstream(td.folder() / "fs" / "HDD" / "keep.txt") << "data";
     ASSERT_TRUE(DeactivateDevice(h));
     EXPECT_EQ(activeKeys(td), std::vector<std::string>{"01"});
-    EXPECT_FALSE(hdd(td));
     auto d = td.events("deactivate_device");
     ASSERT_EQ(d.size(), 1u);
     EXPECT_EQ(d[0]["ok"], true);
@@ -147,16 +111,13 @@ TEST(SimDevices, ActivateAndDeactivateMoveTheEntryAndTheDisk) {
     ASSERT_NE(again, (HANDLE)NULL);
     EXPECT_NE(again, h);
     EXPECT_EQ(activeKeys(td), (std::vector<std::string>{"01", "02"}));
-    EXPECT_TRUE(hdd(td));
-    std::ifstream in(td.folder() / "fs" / "HDD" / "keep.txt");
-    std::string text;
-    in >> text;
-    EXPECT_EQ(text, "data");
+    EXPECT_EQ(td.get("\\HDD\\keep.txt"), "data");
 }
 
 TEST(SimDevices, ActivationAndDeactivationFailures) {
     struct Case { std::string profile; std::u16string key; bool deactivateFirst; DWORD error; };
     const Case cases[] = {
+        {"", kFdsk, false, ERROR_FILE_NOT_FOUND},   // no flash disk without its table
         {kLoaded, u"Drivers\\BuiltIn\\Other", true, ERROR_FILE_NOT_FOUND},
         {kLoaded, u"Drivers\\BuiltIn\\FDSK\\", true, ERROR_FILE_NOT_FOUND},
         {kLoaded, kFdsk, false, 2404},   // already active
@@ -165,11 +126,10 @@ TEST(SimDevices, ActivationAndDeactivationFailures) {
     for (const Case &c : cases) {
         SCOPED_TRACE(c.profile + " " + sim::utf8(c.key));
         TestDevice td(c.profile);
-        if (c.deactivateFirst) {
-            ASSERT_TRUE(DeactivateDevice(reinterpret_cast<HANDLE>(uintptr_t(td.dev().devices().activeHandle()))));
-        }
+        if (c.deactivateFirst) { ASSERT_TRUE(DeactivateDevice(activeHandle(td))); }
         bool hadHdd = hdd(td);
         auto keysBefore = activeKeys(td);
+        if (c.profile.empty()) { EXPECT_TRUE(keysBefore.empty() && !hadHdd); }
         SetLastError(0);
         EXPECT_EQ(ActivateDevice(c.key.c_str(), 0), (HANDLE)NULL);
         EXPECT_EQ(GetLastError(), c.error);
@@ -182,7 +142,7 @@ TEST(SimDevices, ActivationAndDeactivationFailures) {
     }
 
     TestDevice td(std::string(kLoaded) + "[flash_disk.fail]\ndeactivate = 31\n");
-    HANDLE h = reinterpret_cast<HANDLE>(uintptr_t(td.dev().devices().activeHandle()));
+    HANDLE h = activeHandle(td);
     SetLastError(0);
     EXPECT_FALSE(DeactivateDevice(reinterpret_cast<HANDLE>(uintptr_t(0x1234))));
     EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_HANDLE));
@@ -196,23 +156,24 @@ TEST(SimDevices, ActivationAndDeactivationFailures) {
     EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_HANDLE));
 }
 
-TEST(SimDevices, HddThatNeverLeavesOrNeverReturns) {
-    {
-        TestDevice td(std::string(kLoaded) + "hdd_never_leaves = true\n");
-        ASSERT_TRUE(DeactivateDevice(reinterpret_cast<HANDLE>(uintptr_t(td.dev().devices().activeHandle()))));
+TEST(SimDevices, HddFollowsTheDriverUnlessTheProfileSaysOtherwise) {
+    // hddAfterDeactivate / hddAfterActivate: whether "\HDD" is there after each call
+    struct Case { const char *option; bool hddAfterDeactivate, hddAfterActivate; };
+    const Case cases[] = {
+        {"", false, true},
+        {"hdd_never_leaves = true\n", true, true},
+        {"hdd_never_returns = true\n", false, false},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.option);
+        TestDevice td(std::string(kLoaded) + c.option);
+        EXPECT_TRUE(hdd(td));   // present from the start in every case
+        ASSERT_TRUE(DeactivateDevice(activeHandle(td)));
         EXPECT_TRUE(activeKeys(td).empty());   // the driver is gone all the same
-        EXPECT_TRUE(hdd(td));
-        ASSERT_NE(ActivateDevice(kFdsk.c_str(), 0), (HANDLE)NULL);
-        EXPECT_TRUE(hdd(td));
-    }
-    {
-        TestDevice td(std::string(kLoaded) + "hdd_never_returns = true\n");
-        EXPECT_TRUE(hdd(td));   // present from the start
-        ASSERT_TRUE(DeactivateDevice(reinterpret_cast<HANDLE>(uintptr_t(td.dev().devices().activeHandle()))));
-        EXPECT_FALSE(hdd(td));
+        EXPECT_EQ(hdd(td), c.hddAfterDeactivate);
         ASSERT_NE(ActivateDevice(kFdsk.c_str(), 0), (HANDLE)NULL);
         EXPECT_EQ(activeKeys(td).size(), 1u);
-        EXPECT_FALSE(hdd(td));
+        EXPECT_EQ(hdd(td), c.hddAfterActivate);
     }
 }
 
@@ -245,23 +206,23 @@ TEST(SimDevices, DeviceGoesWithAChangePending) {
 
 TEST(SimDevices, DeviceNameOpensOnlyWhileActive) {
     TestDevice td(kLoaded);
+    SetLastError(0);
+    EXPECT_EQ(openDisk(u"DSK2:"), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_FILE_NOT_FOUND));
     HANDLE h = openDisk(u"dsk1:");   // names ignore case
     ASSERT_NE(h, INVALID_HANDLE_VALUE);
-    EXPECT_TRUE(CloseHandle(h));
-    EXPECT_EQ(openDisk(u"DSK2:"), INVALID_HANDLE_VALUE);
-
-    h = openDisk();
-    ASSERT_NE(h, INVALID_HANDLE_VALUE);
-    ASSERT_TRUE(DeactivateDevice(reinterpret_cast<HANDLE>(uintptr_t(td.dev().devices().activeHandle()))));
+    ASSERT_TRUE(DeactivateDevice(activeHandle(td)));
+    SetLastError(0);
     EXPECT_EQ(openDisk(), INVALID_HANDLE_VALUE);
-    // A handle of the old activation is dead.
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_FILE_NOT_FOUND));
+    // A handle of the old activation is dead, also once the driver is back.
     DISK_INFO info;
     SetLastError(0);
-    EXPECT_FALSE(DeviceIoControl(h, DISK_IOCTL_GETINFO, NULL, 0, &info, sizeof info, NULL, NULL));
+    EXPECT_FALSE(getInfo(h, &info));
     EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_HANDLE));
     ASSERT_NE(ActivateDevice(kFdsk.c_str(), 0), (HANDLE)NULL);
-    EXPECT_FALSE(DeviceIoControl(h, DISK_IOCTL_GETINFO, NULL, 0, &info, sizeof info, NULL, NULL));
-    CloseHandle(h);
+    EXPECT_FALSE(getInfo(h, &info));
+    EXPECT_TRUE(CloseHandle(h));
 }
 
 TEST(SimDevices, GetInfo) {
@@ -271,7 +232,7 @@ TEST(SimDevices, GetInfo) {
     DISK_INFO info;
     std::memset(&info, 0xCC, sizeof info);
     DWORD got = 0;
-    ASSERT_TRUE(DeviceIoControl(h, DISK_IOCTL_GETINFO, NULL, 0, &info, sizeof info, &got, NULL));
+    ASSERT_TRUE(getInfo(h, &info, sizeof info, &got));
     EXPECT_EQ(got, 24u);
     EXPECT_EQ(info.di_total_sectors, 4096u);
     EXPECT_EQ(info.di_bytes_per_sect, 2048u);
@@ -282,12 +243,11 @@ TEST(SimDevices, GetInfo) {
     EXPECT_EQ(e[0]["ok"], true);
 
     SetLastError(0);
-    EXPECT_FALSE(DeviceIoControl(h, DISK_IOCTL_GETINFO, NULL, 0, &info, 23, &got, NULL));
+    EXPECT_FALSE(getInfo(h, &info, 23));
     EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_PARAMETER));
     EXPECT_FALSE(DeviceIoControl(h, 0x12345, NULL, 0, &info, sizeof info, &got, NULL));
     EXPECT_EQ(GetLastError(), DWORD(ERROR_NOT_SUPPORTED));
-    EXPECT_FALSE(DeviceIoControl(reinterpret_cast<HANDLE>(uintptr_t(0x7777)), DISK_IOCTL_GETINFO, NULL, 0, &info,
-                                 sizeof info, &got, NULL));
+    EXPECT_FALSE(getInfo(reinterpret_cast<HANDLE>(uintptr_t(0x7777)), &info));
     EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_HANDLE));
     CloseHandle(h);
 }
@@ -298,20 +258,16 @@ TEST(SimDevices, WriteGoesToTheSectorImage) {
     ASSERT_NE(h, INVALID_HANDLE_VALUE);
     EXPECT_FALSE(sim::fs::exists(td.dev().devices().imageFile()));   // made on first use
 
-    Write zero(0, 512, 0x00);
+    Write zero(0, 512, 0x00), last(2047, 512, 0x5A);
     zero.req.sr_status = 99;
     ASSERT_TRUE(zero.send(h));
     EXPECT_EQ(zero.req.sr_status, 0u);
-    std::string image = readImage(td);
-    ASSERT_EQ(image.size(), 2048u * 512u);
-    EXPECT_EQ(image.substr(0, 512), std::string(512, '\0'));
-    EXPECT_EQ(image.substr(512), std::string(image.size() - 512, '\xFF'));
-
-    Write last(2047, 512, 0x5A);
     ASSERT_TRUE(last.send(h));
-    image = readImage(td);
+    std::string image = readImage(td);
+    ASSERT_EQ(image.size(), 2048u * 512u);   // the full disk, unwritten sectors 0xFF
+    EXPECT_EQ(image.substr(0, 512), std::string(512, '\0'));
+    EXPECT_EQ(image.substr(512, 2046 * 512), std::string(2046 * 512, '\xFF'));
     EXPECT_EQ(image.substr(2047 * 512), std::string(512, '\x5A'));
-    EXPECT_EQ(image.substr(0, 512), std::string(512, '\0'));   // the earlier write stays
 
     auto e = td.events("disk_ioctl");
     ASSERT_EQ(e.size(), 2u);
@@ -356,7 +312,7 @@ TEST(SimDevices, FailuresFromTheProfile) {
     HANDLE h = openDisk();
     ASSERT_NE(h, INVALID_HANDLE_VALUE);
     DISK_INFO info;
-    EXPECT_FALSE(DeviceIoControl(h, DISK_IOCTL_GETINFO, NULL, 0, &info, sizeof info, NULL, NULL));
+    EXPECT_FALSE(getInfo(h, &info));
     EXPECT_EQ(GetLastError(), 31u);
     Write w(0, 512, 0);
     EXPECT_FALSE(w.send(h));
@@ -372,17 +328,16 @@ TEST(SimDevices, FailuresFromTheProfile) {
 }
 
 TEST(SimDevices, BadFlashDiskProfileIsReported) {
-    const char *profiles[] = {
-        "[flash_disk]\nbytes_per_sector = 0\n",
-        "[flash_disk]\nsectors = 0\n",
-        "[flash_disk]\nsectors = 0x800000\nbytes_per_sector = 1024\n",   // 8 GB
-        "[flash_disk]\nname = 'DSK1'\n",
-        "[flash_disk]\nloaded = 1\n",
-        "[flash_disk]\nhdd_delay_ms = -5\n",
-        "[flash_disk.fail]\nformat = 31\n",
-        "flash_disk = true\n",
-    };
-    for (const char *p : profiles) {
+    for (const char *p : {
+             "[flash_disk]\nbytes_per_sector = 0\n",
+             "[flash_disk]\nsectors = 0\n",
+             "[flash_disk]\nsectors = 0x800000\nbytes_per_sector = 1024\n",   // 8 GB
+             "[flash_disk]\nname = 'DSK1'\n",
+             "[flash_disk]\nloaded = 1\n",
+             "[flash_disk]\nhdd_delay_ms = -5\n",
+             "[flash_disk.fail]\nformat = 31\n",
+             "flash_disk = true\n",
+         }) {
         SCOPED_TRACE(p);
         EXPECT_THROW(TestDevice td(p), std::runtime_error);
     }

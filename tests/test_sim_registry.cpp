@@ -28,39 +28,57 @@ Key = "Drivers\\BuiltIn\\FlashDisk"
 Deep = 7
 )";
 
-std::u16string name(const char *s) { return W(s); }
+// UTF-16LE bytes of a text (give the terminators in the text).
+std::string le16(const std::u16string &s) {
+    std::string out;
+    for (char16_t c : s) out += {char(c & 0xFF), char(c >> 8)};
+    return out;
+}
+
+HKEY openKey(const char *path, HKEY from = HKEY_LOCAL_MACHINE) {
+    HKEY key = nullptr;
+    EXPECT_EQ(ERROR_SUCCESS, RegOpenKeyExW(from, W(path).c_str(), 0, KEY_READ, &key)) << path;
+    return key;
+}
+
+LONG query(HKEY key, const char *name, void *data, DWORD *size, DWORD *type = nullptr) {
+    return RegQueryValueExW(key, W(name).c_str(), nullptr, type, static_cast<BYTE *>(data), size);
+}
 
 }  // namespace
 
-TEST(SimRegistry, ProfileValuesHaveTheirTypesAndSizes) {
+TEST(SimRegistry, QueriesGiveTheProfileValuesWithTheirTypesAndSizes) {
     TestDevice t(kProfile);
-    HKEY key;
-    ASSERT_EQ(ERROR_SUCCESS, RegOpenKeyExW(HKEY_LOCAL_MACHINE, name("information").c_str(), 0, KEY_READ, &key));
-    struct Case { const char *value; DWORD type; DWORD size; } cases[] = {
-        {"Hardware", REG_SZ, (16 + 1) * 2},        // the terminator is counted
-        {"HARDWARE", REG_SZ, (16 + 1) * 2},        // value names ignore case
-        {"FlashType", REG_DWORD, 4},
-        {"Blob", REG_BINARY, 3},
-        {"Names", REG_MULTI_SZ, (2 + 3 + 1) * 2},
-        {"Empty", REG_SZ, 2},
+    HKEY key = openKey("information");
+    // capacity: the buffer in bytes (0: a size query without one); size: the size given back
+    struct Case { const char *value; DWORD capacity; LONG result; DWORD type, size; std::string data; };
+    const Case cases[] = {
+        {"Hardware", 0, ERROR_SUCCESS, REG_SZ, 34, ""},   // the terminator is counted
+        {"HARDWARE", 34, ERROR_SUCCESS, REG_SZ, 34, le16({u"Velmar X7, rev 2\0", 17})},   // names ignore case
+        {"Hardware", 33, ERROR_MORE_DATA, REG_SZ, 34, ""},
+        {"FlashType", 4, ERROR_SUCCESS, REG_DWORD, 4, std::string("\3\0\0\0", 4)},
+        {"Blob", 8, ERROR_SUCCESS, REG_BINARY, 3, "\x01\x02\xff"},
+        {"Names", 64, ERROR_SUCCESS, REG_MULTI_SZ, 12, le16({u"a\0bc\0\0", 6})},
+        {"Empty", 0, ERROR_SUCCESS, REG_SZ, 2, ""},
     };
+    BYTE buf[64];
     for (const Case &c : cases) {
-        DWORD type = 99, size = 12345;
-        EXPECT_EQ(ERROR_SUCCESS, RegQueryValueExW(key, name(c.value).c_str(), nullptr, &type, nullptr, &size)) << c.value;
-        EXPECT_EQ(c.type, type) << c.value;
-        EXPECT_EQ(c.size, size) << c.value;
+        SCOPED_TRACE(std::string(c.value) + " into " + std::to_string(c.capacity));
+        DWORD type = 99, size = c.capacity ? c.capacity : 12345;
+        SetLastError(0);
+        EXPECT_EQ(c.result, query(key, c.value, c.capacity ? buf : nullptr, &size, &type));
+        EXPECT_EQ(c.type, type);
+        EXPECT_EQ(c.size, size);
+        EXPECT_EQ(DWORD(c.result), GetLastError());
+        EXPECT_EQ(c.data, std::string(reinterpret_cast<char *>(buf), c.data.size()));
     }
-    BYTE blob[8] = {};
-    DWORD size = sizeof blob;
-    ASSERT_EQ(ERROR_SUCCESS, RegQueryValueExW(key, name("blob").c_str(), nullptr, nullptr, blob, &size));
-    EXPECT_EQ(0, std::memcmp(blob, "\x01\x02\xff", 3));
-    DWORD flash = 0;
-    size = sizeof flash;
-    ASSERT_EQ(ERROR_SUCCESS, RegQueryValueExW(key, name("FlashType").c_str(), nullptr, nullptr, (BYTE *)&flash, &size));
-    EXPECT_EQ(3u, flash);
+    DWORD size = 64;
+    EXPECT_EQ(ERROR_FILE_NOT_FOUND, query(key, "Missing", buf, &size));
+    EXPECT_EQ(ERROR_INVALID_PARAMETER, query(key, "Hardware", buf, nullptr));
     EXPECT_EQ(ERROR_SUCCESS, RegCloseKey(key));
+    EXPECT_EQ(ERROR_INVALID_HANDLE, query(key, "Hardware", buf, &size));
 
-    // a quoted key path with "\" and a nested table both make subkeys
+    // A quoted key path with "\" and a nested table both make subkeys.
     EXPECT_EQ(u"Drivers\\BuiltIn\\FlashDisk", t.dev().registry().stringValue("HKLM\\Drivers\\Active\\01", "key"));
     auto deep = t.dev().registry().value("Information\\Nested", "Deep");
     ASSERT_TRUE(deep.has_value());
@@ -68,14 +86,14 @@ TEST(SimRegistry, ProfileValuesHaveTheirTypesAndSizes) {
 }
 
 TEST(SimRegistry, BadProfileValuesAreRefused) {
-    const char *bad[] = {
-        "[registry.'HKLM\\K']\nB = [1, 256]\n",
-        "[registry.'HKLM\\K']\nB = [1, \"x\"]\n",
-        "[registry.'HKLM\\K']\nN = 4294967296\n",
-        "[registry.'HKLM\\K']\nF = 1.5\n",
-        "[registry.'NOROOT\\K']\nA = 1\n",
-    };
-    for (const char *profile : bad) {
+    for (const char *profile : {
+             "[registry.'HKLM\\K']\nB = [1, 256]\n",
+             "[registry.'HKLM\\K']\nB = [1, \"x\"]\n",
+             "[registry.'HKLM\\K']\nN = 4294967296\n",
+             "[registry.'HKLM\\K']\nF = 1.5\n",
+             "[registry.'NOROOT\\K']\nA = 1\n",
+         }) {
+        // A device folder of its own: TestDevice would leave its folder behind when the device throws.
         sim::fs::path folder = sim::fs::temp_directory_path() / ("tarsk-simreg-" + std::to_string(::getpid()));
         sim::fs::create_directories(folder);
         std::ofstream(folder / "device.toml") << profile;
@@ -84,8 +102,9 @@ TEST(SimRegistry, BadProfileValuesAreRefused) {
     }
 }
 
-TEST(SimRegistry, OpenAndCreate) {
+TEST(SimRegistry, OpenCreateAndClose) {
     TestDevice t(kProfile);
+    HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     HKEY key = nullptr;
     struct Case { HKEY from; const char *path; LONG result; } opens[] = {
         {HKEY_LOCAL_MACHINE, "DRIVERS\\active\\01", ERROR_SUCCESS},
@@ -93,91 +112,58 @@ TEST(SimRegistry, OpenAndCreate) {
         {HKEY_LOCAL_MACHINE, "Drivers\\Active\\02", ERROR_FILE_NOT_FOUND},
         {HKEY_CURRENT_USER, "Information", ERROR_FILE_NOT_FOUND},   // each root is its own tree
         {(HKEY)(ULONG_PTR)0x1234, "Information", ERROR_INVALID_HANDLE},
+        {(HKEY)event, "Information", ERROR_INVALID_HANDLE},
     };
     for (const Case &c : opens) {
-        LONG r = RegOpenKeyExW(c.from, name(c.path).c_str(), 0, KEY_READ, &key);
+        LONG r = RegOpenKeyExW(c.from, W(c.path).c_str(), 0, KEY_READ, &key);
         EXPECT_EQ(c.result, r) << c.path;
-        if (r == ERROR_SUCCESS) {
-            EXPECT_EQ(ERROR_SUCCESS, RegCloseKey(key));
-        }
+        if (r == ERROR_SUCCESS) { EXPECT_EQ(ERROR_SUCCESS, RegCloseKey(key)); }
     }
     EXPECT_FALSE(t.dev().registry().exists("Velmar"));
 
     DWORD disposition = 0;
-    ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExW(HKEY_LOCAL_MACHINE, name("Velmar\\Sub").c_str(), 0, nullptr, 0, 0,
-                                             nullptr, &key, &disposition));
+    ASSERT_EQ(ERROR_SUCCESS,
+              RegCreateKeyExW(HKEY_LOCAL_MACHINE, u"Velmar\\Sub", 0, nullptr, 0, 0, nullptr, &key, &disposition));
     EXPECT_EQ(DWORD(REG_CREATED_NEW_KEY), disposition);
     EXPECT_TRUE(t.dev().registry().exists("HKLM\\Velmar\\Sub"));
-    // a key opened relative to an open handle
-    HKEY parent;
-    ASSERT_EQ(ERROR_SUCCESS, RegOpenKeyExW(HKEY_LOCAL_MACHINE, name("velmar").c_str(), 0, KEY_READ, &parent));
-    HKEY again;
-    ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExW(parent, name("SUB").c_str(), 0, nullptr, 0, 0, nullptr, &again, &disposition));
+    // Opened again relative to an open handle.
+    HKEY parent = openKey("velmar"), again;
+    ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExW(parent, u"SUB", 0, nullptr, 0, 0, nullptr, &again, &disposition));
     EXPECT_EQ(DWORD(REG_OPENED_EXISTING_KEY), disposition);
-    EXPECT_EQ(ERROR_SUCCESS, RegCloseKey(again));
-    EXPECT_EQ(ERROR_SUCCESS, RegCloseKey(parent));
-    EXPECT_EQ(ERROR_SUCCESS, RegCloseKey(key));
     EXPECT_EQ(std::vector<std::string>{"Sub"}, t.dev().registry().subkeyNames("Velmar"));
+
+    // Closing: each key handle once; a handle that is not a key stays open; the roots need no closing.
+    size_t open = t.dev().objects().count();
+    for (HKEY k : {again, parent, key}) EXPECT_EQ(ERROR_SUCCESS, RegCloseKey(k));
+    EXPECT_EQ(open - 3, t.dev().objects().count());
+    EXPECT_EQ(ERROR_INVALID_HANDLE, RegCloseKey(key));
+    EXPECT_EQ(ERROR_INVALID_HANDLE, RegCloseKey((HKEY)event));
+    EXPECT_TRUE(CloseHandle(event));
+    EXPECT_EQ(ERROR_SUCCESS, RegCloseKey(HKEY_LOCAL_MACHINE));
 }
 
-TEST(SimRegistry, QueryBuffers) {
+TEST(SimRegistry, SetValueReplacesValueAndTypeUnderAnyCase) {
     TestDevice t(kProfile);
-    HKEY key;
-    ASSERT_EQ(ERROR_SUCCESS, RegOpenKeyExW(HKEY_LOCAL_MACHINE, name("Information").c_str(), 0, KEY_READ, &key));
-    WCHAR text[64];
-    DWORD type = 0;
-    DWORD size = 33;   // one byte short of the 34 the text needs
-    std::memset(text, 0, sizeof text);
-    EXPECT_EQ(ERROR_MORE_DATA, RegQueryValueExW(key, name("Hardware").c_str(), nullptr, &type, (BYTE *)text, &size));
-    EXPECT_EQ(34u, size);
-    EXPECT_EQ(DWORD(REG_SZ), type);
-    EXPECT_EQ(DWORD(ERROR_MORE_DATA), GetLastError());
-    size = 34;
-    EXPECT_EQ(ERROR_SUCCESS, RegQueryValueExW(key, name("Hardware").c_str(), nullptr, &type, (BYTE *)text, &size));
-    EXPECT_EQ("Velmar X7, rev 2", U(text));
-    EXPECT_EQ(34u, size);
-
-    size = sizeof text;
-    EXPECT_EQ(ERROR_FILE_NOT_FOUND, RegQueryValueExW(key, name("Missing").c_str(), nullptr, &type, (BYTE *)text, &size));
-    EXPECT_EQ(ERROR_INVALID_PARAMETER, RegQueryValueExW(key, name("Hardware").c_str(), nullptr, &type, (BYTE *)text, nullptr));
-    EXPECT_EQ(ERROR_SUCCESS, RegCloseKey(key));
-    size = sizeof text;
-    EXPECT_EQ(ERROR_INVALID_HANDLE, RegQueryValueExW(key, name("Hardware").c_str(), nullptr, &type, (BYTE *)text, &size));
-}
-
-TEST(SimRegistry, SetValueRoundTripsAndReplacesType) {
-    TestDevice t;
-    HKEY key;
-    ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExW(HKEY_LOCAL_MACHINE, name("Information").c_str(), 0, nullptr, 0, 0,
-                                             nullptr, &key, nullptr));
-    std::u16string internal = u"\\My Flash Disk";
-    ASSERT_EQ(ERROR_SUCCESS, RegSetValueExW(key, name("Internal").c_str(), 0, REG_SZ, (const BYTE *)internal.c_str(),
-                                            DWORD((internal.size() + 1) * 2)));
-    EXPECT_EQ(internal, t.dev().registry().stringValue("Information", "INTERNAL"));
-    DWORD n = 5;
-    ASSERT_EQ(ERROR_SUCCESS, RegSetValueExW(key, name("internal").c_str(), 0, REG_DWORD, (const BYTE *)&n, 4));
-    DWORD type = 0, out = 0, size = 4;
-    ASSERT_EQ(ERROR_SUCCESS, RegQueryValueExW(key, name("Internal").c_str(), nullptr, &type, (BYTE *)&out, &size));
+    HKEY key = openKey("Information");
+    DWORD n = 5, type = 0, out = 0, size = 4;
+    ASSERT_EQ(ERROR_SUCCESS, RegSetValueExW(key, u"hardware", 0, REG_DWORD, (const BYTE *)&n, 4));
+    ASSERT_EQ(ERROR_SUCCESS, query(key, "Hardware", &out, &size, &type));
     EXPECT_EQ(DWORD(REG_DWORD), type);
     EXPECT_EQ(5u, out);
-    // an empty value has size 0
-    ASSERT_EQ(ERROR_SUCCESS, RegSetValueExW(key, name("Nothing").c_str(), 0, REG_SZ, nullptr, 0));
+    ASSERT_EQ(ERROR_SUCCESS, RegSetValueExW(key, u"Nothing", 0, REG_SZ, nullptr, 0));
     size = 100;
-    ASSERT_EQ(ERROR_SUCCESS, RegQueryValueExW(key, name("Nothing").c_str(), nullptr, &type, nullptr, &size));
-    EXPECT_EQ(0u, size);
+    ASSERT_EQ(ERROR_SUCCESS, query(key, "Nothing", nullptr, &size));
+    EXPECT_EQ(0u, size);   // an empty value
     EXPECT_EQ(ERROR_SUCCESS, RegCloseKey(key));
-    EXPECT_EQ(ERROR_INVALID_HANDLE, RegSetValueExW(key, name("x").c_str(), 0, REG_DWORD, (const BYTE *)&n, 4));
+    EXPECT_EQ(ERROR_INVALID_HANDLE, RegSetValueExW(key, u"x", 0, REG_DWORD, (const BYTE *)&n, 4));
 }
 
 TEST(SimRegistry, EnumKeysInCreationOrder) {
     TestDevice t;
-    sim::Registry &reg = t.dev().registry();
-    reg.setDword("Drivers\\Active\\05", "Hnd", 1);
-    reg.setDword("HKLM\\Drivers\\Active\\01", "Hnd", 2);
-    reg.setDword("Drivers\\Active\\Longer", "Hnd", 3);
-    HKEY key;
-    ASSERT_EQ(ERROR_SUCCESS, RegOpenKeyExW(HKEY_LOCAL_MACHINE, name("Drivers\\Active").c_str(), 0, KEY_READ, &key));
-    struct Case { DWORD index; DWORD capacity; LONG result; const char *name; } cases[] = {
+    for (const char *k : {"Drivers\\Active\\05", "HKLM\\Drivers\\Active\\01", "Drivers\\Active\\Longer"})
+        t.dev().registry().setDword(k, "Hnd", 1);
+    HKEY key = openKey("Drivers\\Active");
+    struct Case { DWORD index, capacity; LONG result; const char *name; } cases[] = {
         {0, 16, ERROR_SUCCESS, "05"},
         {1, 3, ERROR_SUCCESS, "01"},       // two characters and the terminator fit exactly
         {2, 6, ERROR_MORE_DATA, ""},       // "Longer" needs 7 with its terminator
@@ -188,48 +174,31 @@ TEST(SimRegistry, EnumKeysInCreationOrder) {
         WCHAR buf[16] = {};
         DWORD cch = c.capacity;
         EXPECT_EQ(c.result, RegEnumKeyExW(key, c.index, buf, &cch, nullptr, nullptr, nullptr, nullptr)) << c.index;
-        if (c.result == ERROR_SUCCESS) {
-            EXPECT_EQ(c.name, U(buf));
-            EXPECT_EQ(std::strlen(c.name), cch);
-        }
+        if (c.result != ERROR_SUCCESS) continue;
+        EXPECT_EQ(c.name, U(buf));
+        EXPECT_EQ(std::strlen(c.name), cch);
     }
     EXPECT_EQ(ERROR_SUCCESS, RegCloseKey(key));
 }
 
 TEST(SimRegistry, RemovedKeyFailsThroughOpenHandle) {
     TestDevice t(kProfile);
-    HKEY key;
-    ASSERT_EQ(ERROR_SUCCESS, RegOpenKeyExW(HKEY_LOCAL_MACHINE, name("Drivers\\Active\\01").c_str(), 0, KEY_READ, &key));
+    HKEY key = openKey("Drivers\\Active\\01");
     t.dev().registry().remove("Drivers\\ACTIVE\\01");
     DWORD size = 0;
-    EXPECT_EQ(1018, RegQueryValueExW(key, name("Key").c_str(), nullptr, nullptr, nullptr, &size));
+    EXPECT_EQ(1018, query(key, "Key", nullptr, &size));   // ERROR_KEY_DELETED
     EXPECT_EQ(ERROR_SUCCESS, RegCloseKey(key));
-    EXPECT_EQ(ERROR_FILE_NOT_FOUND, RegOpenKeyExW(HKEY_LOCAL_MACHINE, name("Drivers\\Active\\01").c_str(), 0, 0, &key));
+    EXPECT_EQ(ERROR_FILE_NOT_FOUND, RegOpenKeyExW(HKEY_LOCAL_MACHINE, u"Drivers\\Active\\01", 0, 0, &key));
     EXPECT_TRUE(t.dev().registry().exists("Drivers\\Active"));
-    // made again, it is a new key
+    // Made again, it is a new key.
     t.dev().registry().setString("Drivers\\Active\\01", "Name", u"DSK1:");
     EXPECT_FALSE(t.dev().registry().value("Drivers\\Active\\01", "Key").has_value());
-}
-
-TEST(SimRegistry, CloseKeyRefusesWhatIsNotAnOpenKey) {
-    TestDevice t(kProfile);
-    HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    ASSERT_NE(nullptr, event);
-    EXPECT_EQ(ERROR_INVALID_HANDLE, RegCloseKey((HKEY)event));   // not a key: stays open
-    EXPECT_TRUE(CloseHandle(event));
-    HKEY key;
-    ASSERT_EQ(ERROR_SUCCESS, RegOpenKeyExW(HKEY_LOCAL_MACHINE, name("Information").c_str(), 0, KEY_READ, &key));
-    size_t open = t.dev().objects().count();
-    EXPECT_EQ(ERROR_SUCCESS, RegCloseKey(key));
-    EXPECT_EQ(open - 1, t.dev().objects().count());
-    EXPECT_EQ(ERROR_INVALID_HANDLE, RegCloseKey(key));
-    EXPECT_EQ(ERROR_SUCCESS, RegCloseKey(HKEY_LOCAL_MACHINE));
 }
 
 TEST(SimRegistry, InjectedFailure) {
     TestDevice t(std::string(kProfile) + "\n[fail]\nRegOpenKeyExW = 5\n");
     HKEY key;
-    EXPECT_EQ(ERROR_ACCESS_DENIED, RegOpenKeyExW(HKEY_LOCAL_MACHINE, name("Information").c_str(), 0, KEY_READ, &key));
+    EXPECT_EQ(ERROR_ACCESS_DENIED, RegOpenKeyExW(HKEY_LOCAL_MACHINE, u"Information", 0, KEY_READ, &key));
     EXPECT_EQ(DWORD(ERROR_ACCESS_DENIED), GetLastError());
 }
 
@@ -247,10 +216,10 @@ TEST(SimRegistry, DriverKeysComeAndGoWhileOthersRead) {
     });
     while (!stop) {
         HKEY key;
-        if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, name("Drivers\\Active\\02").c_str(), 0, KEY_READ, &key) == ERROR_SUCCESS) {
+        if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, u"Drivers\\Active\\02", 0, KEY_READ, &key) == ERROR_SUCCESS) {
             WCHAR buf[16];
             DWORD size = sizeof buf;
-            LONG r = RegQueryValueExW(key, name("Name").c_str(), nullptr, nullptr, (BYTE *)buf, &size);
+            LONG r = query(key, "Name", buf, &size);
             EXPECT_TRUE(r == ERROR_SUCCESS || r == ERROR_FILE_NOT_FOUND || r == 1018) << r;
             EXPECT_EQ(ERROR_SUCCESS, RegCloseKey(key));
         }

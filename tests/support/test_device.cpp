@@ -17,7 +17,14 @@ TestDevice::TestDevice(const std::string &profile, bool keep) : m_keep(keep) {
     if (!profile.empty()) {
         std::ofstream(m_folder / "device.toml") << profile;
     }
-    m_dev = std::make_unique<sim::Device>(m_folder);
+    try {
+        m_dev = std::make_unique<sim::Device>(m_folder);
+    } catch (...) {
+        // a bad profile: leave nothing behind
+        std::error_code ec;
+        sim::fs::remove_all(m_folder, ec);
+        throw;
+    }
     m_dev->clock().setScale(0.01);
     m_dev->install();
 }
