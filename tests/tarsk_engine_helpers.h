@@ -28,13 +28,7 @@ inline std::vector<std::string> &progressLines() {
 }
 inline void recordProgress(LPCWSTR line) { progressLines().push_back(U(line)); }
 
-// The log text written so far (the writer's ring of the last 2047 characters).
-inline std::string logText() {
-    int position = 0;
-    BOOL wrapped = FALSE;
-    const WCHAR *ring = vl_ringBuffer(&position, &wrapped);
-    return wrapped ? U(ring + position + 1) + U(ring) : U(ring);
-}
+using testing_support::logText;
 
 // The journal's kernel requests with one control code.
 inline std::vector<nlohmann::json> ioctls(const TestDevice &td, const std::string &code) {

@@ -8,21 +8,12 @@
 
 #include <cstdio>
 
+using testing_support::logged;
+using testing_support::logText;
 using testing_support::TestDevice;
 using testing_support::W;
 
 namespace {
-
-std::string logText() {
-    int position = 0;
-    BOOL wrapped = FALSE;
-    const WCHAR *ring = vl_ringBuffer(&position, &wrapped);
-    std::u16string text = wrapped ? std::u16string(ring + position + 1) + std::u16string(ring, position)
-                                  : std::u16string(ring, position);
-    return sim::utf8(text);
-}
-
-bool logged(const std::string &text) { return logText().find(text) != std::string::npos; }
 
 std::string memoryProfile(DWORD store, DWORD phys) {
     char text[128];

@@ -10,23 +10,13 @@
 #include <functional>
 #include <vector>
 
+using testing_support::logged;
+using testing_support::logText;
 using testing_support::TestDevice;
 using testing_support::U;
 using testing_support::W;
 
 namespace {
-
-// All the log has written so far (the ring buffer keeps the last text; these tests write little).
-std::string logText() {
-    int position = 0;
-    BOOL wrapped = FALSE;
-    const WCHAR *ring = vl_ringBuffer(&position, &wrapped);
-    std::u16string text = wrapped ? std::u16string(ring + position + 1) + std::u16string(ring, position)
-                                  : std::u16string(ring, position);
-    return sim::utf8(text);
-}
-
-bool logged(const std::string &text) { return logText().find(text) != std::string::npos; }
 
 // An output buffer holding a marker text, to tell whether it was written.
 struct Buf {

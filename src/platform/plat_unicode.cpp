@@ -685,12 +685,8 @@ WCHAR *uni_wcsncat0(WCHAR *dst, const WCHAR *src, size_t cap)
     return dst;
 }
 
-int uni_wcscmp(const WCHAR *a, const WCHAR *b)
-{
-    return uni_wcsncmp(a, b, (size_t)-1);
-}
-
-int uni_wcsncmp(const WCHAR *a, const WCHAR *b, size_t n)
+/* Compares at most n units, a null string counting as empty; fold compares in lower case. */
+static int compareW(const WCHAR *a, const WCHAR *b, size_t n, bool fold)
 {
     static const WCHAR empty[1] = {0};
     if (!a)
@@ -698,13 +694,24 @@ int uni_wcsncmp(const WCHAR *a, const WCHAR *b, size_t n)
     if (!b)
         b = empty;
     for (size_t i = 0; i < n; ++i) {
-        unsigned int ca = (unsigned short)a[i], cb = (unsigned short)b[i];
+        unsigned int ca = (unsigned short)(fold ? uni_towlower(a[i]) : a[i]);
+        unsigned int cb = (unsigned short)(fold ? uni_towlower(b[i]) : b[i]);
         if (ca != cb)
             return ca < cb ? -1 : 1;
         if (ca == 0)
             break;
     }
     return 0;
+}
+
+int uni_wcscmp(const WCHAR *a, const WCHAR *b)
+{
+    return uni_wcsncmp(a, b, (size_t)-1);
+}
+
+int uni_wcsncmp(const WCHAR *a, const WCHAR *b, size_t n)
+{
+    return compareW(a, b, n, false);
 }
 
 WCHAR uni_towupper(WCHAR c)
@@ -735,20 +742,7 @@ int uni_wcsicmp(const WCHAR *a, const WCHAR *b)
 /* Folds to lower case, as the device's library does, so '_' sorts before letters. */
 int uni_wcsnicmp(const WCHAR *a, const WCHAR *b, size_t n)
 {
-    static const WCHAR empty[1] = {0};
-    if (!a)
-        a = empty;
-    if (!b)
-        b = empty;
-    for (size_t i = 0; i < n; ++i) {
-        unsigned int ca = (unsigned short)uni_towlower(a[i]);
-        unsigned int cb = (unsigned short)uni_towlower(b[i]);
-        if (ca != cb)
-            return ca < cb ? -1 : 1;
-        if (ca == 0)
-            break;
-    }
-    return 0;
+    return compareW(a, b, n, true);
 }
 
 const WCHAR *uni_wcschr(const WCHAR *s, WCHAR c)

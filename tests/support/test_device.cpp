@@ -1,5 +1,7 @@
 #include "test_device.h"
 
+#include "platform/platform.h"
+
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -55,6 +57,15 @@ std::string TestDevice::get(const std::string &cePath) const {
 }
 
 bool TestDevice::exists(const std::string &cePath) const { return m_dev->files().exists(sim::fromUtf8(cePath)); }
+
+std::string logText() {
+    int position = 0;
+    BOOL wrapped = FALSE;
+    const WCHAR *ring = vl_ringBuffer(&position, &wrapped);
+    return wrapped ? U(ring + position + 1) + U(ring) : U(ring);
+}
+
+bool logged(const std::string &text) { return logText().find(text) != std::string::npos; }
 
 std::u16string W(const std::string &s) { return sim::fromUtf8(s); }
 std::string U(const WCHAR *s) { return sim::utf8(s); }

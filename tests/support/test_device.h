@@ -31,6 +31,10 @@ private:
     bool m_keep;
 };
 
+// All the diagnostic log holds, oldest first (its ring buffer of the last 2047 characters).
+std::string logText();
+bool logged(const std::string &text);
+
 // A wide string literal of the device's WCHAR type from UTF-8.
 std::u16string W(const std::string &s);
 // The UTF-8 text of a WCHAR buffer.

@@ -108,16 +108,7 @@ int main(int argc, char **argv) {
     inspectCmd->add_option("package", in, "the package (upgrade.bin)")->required();
     keyOptions.push_back(inspectCmd->add_option("--key", key, keyHelp));
 
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::CallForHelp &e) {
-        return app.exit(e);
-    } catch (const CLI::CallForAllHelp &e) {
-        return app.exit(e);
-    } catch (const CLI::ParseError &e) {
-        std::cerr << kTool << ": error: " << e.what() << " (see " << kTool << " --help)\n";
-        return 2;
-    }
+    if (int code = parseCommandLine(app, argc, argv, kTool); code >= 0) return code;
 
     try {
         for (const CLI::Option *opt : keyOptions)

@@ -5,11 +5,14 @@
 
 #include "tarsklib/tarsklib.h"
 
+#include <CLI/CLI.hpp>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <optional>
 #include <string>
 #include <sys/stat.h>
@@ -47,6 +50,22 @@ inline std::optional<PackageKey> parseKey(const std::string &text) {
         key.k[i / 8] = (key.k[i / 8] << 4) | digit;
     }
     return key;
+}
+
+// Parses the command line. Returns -1 when the tool is to go on, else the exit code: 0 after
+// printing the help, 2 after a one-line usage error.
+inline int parseCommandLine(CLI::App &app, int argc, char **argv, const char *tool) {
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp &e) {
+        return app.exit(e);
+    } catch (const CLI::CallForAllHelp &e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError &e) {
+        std::cerr << tool << ": error: " << e.what() << " (see " << tool << " --help)\n";
+        return 2;
+    }
+    return -1;
 }
 
 inline std::string systemError(int err) { return std::strerror(err); }

@@ -297,16 +297,7 @@ int main(int argc, char **argv) {
     CLI::App *newCmd = app.add_subcommand("new", "write the default device, with its sealed package, into DIR");
     newCmd->add_option("dir", dir, "the folder to make (must not exist or be empty)")->required();
 
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::CallForHelp &e) {
-        return app.exit(e);
-    } catch (const CLI::CallForAllHelp &e) {
-        return app.exit(e);
-    } catch (const CLI::ParseError &e) {
-        std::cerr << kTool << ": error: " << e.what() << " (see " << kTool << " --help)\n";
-        return 2;
-    }
+    if (int code = parseCommandLine(app, argc, argv, kTool); code >= 0) return code;
 
     try {
         if (checkCmd->parsed()) return check(device, timeScale, journal, sealFirst);
