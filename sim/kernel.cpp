@@ -79,6 +79,7 @@ const Kernel::Memory kDefaultMemory = {
     0x02E00000, 0x01A00000,   // program memory 46 MB, 26 MB free
     0x02000000, 0x01C00000,   // a 32 MB process slot, 28 MB free
     0,                        // load: computed from the physical figures unless given
+    0,                        // no limit on one allocation
 };
 
 }  // namespace
@@ -109,6 +110,7 @@ Kernel::Kernel(Device &dev, const toml::table &profile) : m_dev(dev), m_memory(k
         {"store_size", &m_memory.storeSize},     {"store_free", &m_memory.storeFree},
         {"total_phys", &m_memory.totalPhys},     {"avail_phys", &m_memory.availPhys},
         {"total_virtual", &m_memory.totalVirtual}, {"avail_virtual", &m_memory.availVirtual},
+        {"largest_allocation", &m_memory.largestAllocation},
     };
     for (const Field &f : fields)
         if (auto v = dwordKey(m, f.key, "memory")) *f.to = *v;
@@ -253,6 +255,18 @@ void Kernel::memoryStatus(MEMORYSTATUS *out) const {
     out->dwAvailVirtual = m_memory.availVirtual;
 }
 
+void *Kernel::localAlloc(UINT flags, SIZE_T bytes) {
+    std::optional<DWORD> error = m_dev.failure("LocalAlloc");
+    if (!error && m_memory.largestAllocation && bytes > m_memory.largestAllocation) error = ERROR_NOT_ENOUGH_MEMORY;
+    void *block = error ? nullptr : std::malloc(bytes ? bytes : 1);
+    if (!block) {
+        setLastError(error ? *error : DWORD(ERROR_NOT_ENOUGH_MEMORY));
+        return nullptr;
+    }
+    if (flags & LMEM_ZEROINIT) std::memset(block, 0, bytes);
+    return block;
+}
+
 std::vector<Kernel::ImageRequest> Kernel::acceptedImageRequests() const {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_imageRequests;
@@ -303,6 +317,13 @@ BOOL GetStoreInformation(LPSTORE_INFORMATION lpsi) {
 }
 
 void WINAPI GlobalMemoryStatus(LPMEMORYSTATUS lpBuffer) { sim::dev().kernel().memoryStatus(lpBuffer); }
+
+HLOCAL WINAPI LocalAlloc(UINT uFlags, SIZE_T uBytes) { return sim::dev().kernel().localAlloc(uFlags, uBytes); }
+
+HLOCAL WINAPI LocalFree(HLOCAL hMem) {
+    std::free(hMem);
+    return nullptr;
+}
 
 // Answered at once with IDOK: there is nobody to press the button. The box is journaled and echoed
 // on one line to stderr.

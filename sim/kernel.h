@@ -12,6 +12,7 @@
 //   '0x80002E78' = 31
 //   [memory]                     store_size, store_free, total_phys, avail_phys, total_virtual,
 //                                avail_virtual, memory_load (defaults: a 64 MB device)
+//                                largest_allocation (bytes; LocalAlloc refuses anything larger)
 //   [fail] GetStoreInformation = 5
 //
 // A query whose answer is not in the profile fails with ERROR_NOT_SUPPORTED, as an unknown code
@@ -60,6 +61,7 @@ public:
         DWORD totalPhys, availPhys;
         DWORD totalVirtual, availVirtual;
         DWORD memoryLoad;
+        DWORD largestAllocation;   // 0: no limit
     };
     // An image request the kernel accepted: the record as sent and its three fields.
     struct ImageRequest {
@@ -71,6 +73,7 @@ public:
     BOOL ioControl(DWORD code, const void *in, DWORD inSize, void *out, DWORD outSize, DWORD *returned);
     bool storeInformation(STORE_INFORMATION *out);       // GetStoreInformation
     void memoryStatus(MEMORYSTATUS *out) const;           // GlobalMemoryStatus
+    void *localAlloc(UINT flags, SIZE_T bytes);           // LocalAlloc
 
     // What the kernel accepted, in order.
     std::vector<ImageRequest> acceptedImageRequests() const;

@@ -68,3 +68,38 @@ TEST(TarskEngine, WithoutCallbackNothingIsSentAndTheTailStaysPlain) {
     EXPECT_FALSE(td.exists(kBin)) << "used once from internal flash";
     EXPECT_FALSE(td.exists(kXml)) << "the plain descriptor is temporary";
 }
+
+// Each step of the package's way can fail on the device; none of them may leave upgrade.xml behind
+// except a store that refuses to delete it.
+TEST(TarskEngine, PackageFailurePaths) {
+    // Larger than any other allocation the engine makes, so only the package buffer is refused.
+    std::string big = kKernelPackage;
+    big.insert(big.size() - 11, 20000, ' ');
+    struct Case {
+        const char *what;
+        std::string extra;        // profile tables
+        std::string package;
+        DWORD result;
+        bool packageKept;
+        bool xmlLeft;
+        const char *logLine;      // an ERROR line that must appear ("" for none)
+    } cases[] = {
+        {"package buffer refused", "[memory]\nlargest_allocation = 16384\n", big, 0, true, false, ""},
+        {"package unreadable", "[fail]\nReadFile = 5\n", kKernelPackage, 0, true, false, ""},
+        {"no region in the package", "", kKernelPackage, 1, false, false,
+         "ERROR, CheckForUpgrade(): GetRegionFileSettings(\\My Flash Disk\\upgrade.xml) failed\r\n"},
+        {"temporary descriptor not deletable", "[fail]\nDeleteFileW = 5\n", kKernelPackage, 1, true, true,
+         "ERROR, Delete temp \\My Flash Disk\\upgrade.xml failed\r\n"},
+    };
+    for (const Case &c : cases) {
+        TestDevice td(profile(c.extra));
+        td.put(kBin, sealPackage(c.package));
+        Engine e;
+        EXPECT_EQ(CheckForUpgrade(e.e, 1), c.result) << c.what;
+        EXPECT_EQ(td.exists(kBin), c.packageKept) << c.what;
+        EXPECT_EQ(td.exists(kXml), c.xmlLeft) << c.what;
+        EXPECT_EQ(e->m_bUpgradeRegion, 0u) << c.what;
+        if (*c.logLine) EXPECT_NE(logText().find(c.logLine), std::string::npos) << c.what << "\n" << logText();
+        if (c.result == 0) EXPECT_TRUE(progressLines().empty()) << c.what << ": a failed read says nothing";
+    }
+}

@@ -278,6 +278,12 @@ typedef struct _MEMORYSTATUS {
 #define FILE_WRITE_ACCESS 2
 #define FILE_DEVICE_HAL 0x00000101
 
+/* Local memory. */
+typedef HANDLE HLOCAL;
+#define LMEM_FIXED 0x0000
+#define LMEM_ZEROINIT 0x0040
+#define LPTR (LMEM_FIXED | LMEM_ZEROINIT)
+
 /* Message boxes. */
 #define MB_OK 0x00000000u
 #define MB_OKCANCEL 0x00000001u
@@ -363,6 +369,8 @@ LONG WINAPI RegSetValueExW(HKEY hKey, LPCWSTR lpValueName, DWORD Reserved, DWORD
 LONG WINAPI RegCloseKey(HKEY hKey);
 
 void WINAPI GlobalMemoryStatus(LPMEMORYSTATUS lpBuffer);
+HLOCAL WINAPI LocalAlloc(UINT uFlags, SIZE_T uBytes);
+HLOCAL WINAPI LocalFree(HLOCAL hMem);
 BOOL WINAPI DeviceIoControl(HANDLE hDevice, DWORD dwIoControlCode, LPVOID lpInBuffer, DWORD nInBufferSize,
                             LPVOID lpOutBuffer, DWORD nOutBufferSize, LPDWORD lpBytesReturned,
                             LPOVERLAPPED lpOverlapped);
