@@ -358,3 +358,11 @@ TEST_F(PlatFile, BufferedInputAlwaysReadsInKilobyteBlocks) {
     in->Close();
     EXPECT_EQ(t.dev().objects().count(), 0u);
 }
+
+TEST_F(PlatFile, BufferSetUpFailsWhenMemoryIsRefused) {
+    TestDevice t("[fail]\nLocalAlloc = 8\n");
+    LogWatch log;
+    COSBufferInputFile in;
+    EXPECT_EQ(in.SetBufferSize(5), 0);
+    EXPECT_TRUE(log.has(", ERROR, COSBufferInputFile::SetBufferSize(1024): os_malloc() failed\r\n")) << log.added();
+}
