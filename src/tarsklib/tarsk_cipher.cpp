@@ -40,6 +40,9 @@ static inline void storeLE(BYTE *p, DWORD v)
 
 void tarsk_decipher(BYTE *data, DWORD size, const DWORD key[4])
 {
+    /* A local copy: the byte stores into the data could alias the caller's key, which would make
+     * the compiler load the key words again for every block. */
+    const DWORD k[4] = { key[0], key[1], key[2], key[3] };
     DWORD blocks = size / 8;
     for (DWORD b = 0; b < blocks; ++b) {
         BYTE *p = data + b * 8;
@@ -47,9 +50,9 @@ void tarsk_decipher(BYTE *data, DWORD size, const DWORD key[4])
         DWORD z = loadLE(p + 4);
         DWORD sum = TARSK_CIPHER_DELTA * TARSK_CIPHER_CYCLES;
         for (int i = 0; i < TARSK_CIPHER_CYCLES; ++i) {
-            z = z - mix(y) - (sum ^ y) - key[(sum >> 11) & 3];
+            z = z - mix(y) - (sum ^ y) - k[(sum >> 11) & 3];
             sum -= TARSK_CIPHER_DELTA;
-            y = y - mix(z) - (sum ^ z) - key[sum & 3];
+            y = y - mix(z) - (sum ^ z) - k[sum & 3];
         }
         storeLE(p, y);
         storeLE(p + 4, z);
@@ -58,6 +61,9 @@ void tarsk_decipher(BYTE *data, DWORD size, const DWORD key[4])
 
 void tarsk_encipher(BYTE *data, DWORD size, const DWORD key[4])
 {
+    /* A local copy: the byte stores into the data could alias the caller's key, which would make
+     * the compiler load the key words again for every block. */
+    const DWORD k[4] = { key[0], key[1], key[2], key[3] };
     DWORD blocks = size / 8;
     for (DWORD b = 0; b < blocks; ++b) {
         BYTE *p = data + b * 8;
@@ -65,9 +71,9 @@ void tarsk_encipher(BYTE *data, DWORD size, const DWORD key[4])
         DWORD z = loadLE(p + 4);
         DWORD sum = 0;
         for (int i = 0; i < TARSK_CIPHER_CYCLES; ++i) {
-            y = y + mix(z) + key[sum & 3] + (sum ^ z);
+            y = y + mix(z) + k[sum & 3] + (sum ^ z);
             sum += TARSK_CIPHER_DELTA;
-            z = z + mix(y) + key[(sum >> 11) & 3] + (sum ^ y);
+            z = z + mix(y) + k[(sum >> 11) & 3] + (sum ^ y);
         }
         storeLE(p, y);
         storeLE(p + 4, z);
