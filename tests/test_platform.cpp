@@ -410,3 +410,21 @@ TEST(Trace, OnlySetBitsComposeALine) {
     SALTRACE(1, 64, "again %d", 2);
     EXPECT_NE(std::string::npos, captured.find("-again 2\n"));
 }
+
+TEST(LogWriter, MessageAfterExitCleanUpStillWrites) {
+    // A static object's destructor may log after the exit handlers have destroyed the log lock.
+    EXPECT_EXIT(
+        {
+            static TestDevice d(kProfile);
+            struct Late {
+                ~Late() {
+                    vl_write(TEXT("late\n"));
+                    std::_Exit(ring().find("late\r\n") != std::string::npos ? 7 : 1);
+                }
+            };
+            static Late late;            // made before the lock, so destroyed after its exit handler
+            vl_write(TEXT("first\n"));  // makes the lock and registers its exit handler
+            std::exit(0);
+        },
+        testing::ExitedWithCode(7), "");
+}

@@ -85,8 +85,9 @@ static int g_ringPosition = 0;
 static BOOL g_ringWrapped = FALSE;
 static HANDLE g_logFile = NULL;
 
+/* At process exit. A message written later (by a static object's destructor) makes the lock anew. */
 static void vl_destroyLock(void) {
-    if (g_logLockState == 2) DeleteCriticalSection(&g_logLock);
+    if (InterlockedCompareExchange(&g_logLockState, 0, 2) == 2) DeleteCriticalSection(&g_logLock);
 }
 
 static void vl_enterLock(void) {
