@@ -98,6 +98,23 @@ static XmlNode *firstChild(XmlNode *parent, LPCWSTR name)
     return child;
 }
 
+/* Opens the document and finds its first element called name (a path search). The document, when
+ * it opened, is left in *ppFile for the caller to release; NULL when the element is not there. */
+static XmlNode *findInFile(LPCWSTR path, LPCWSTR name, XmlFile **ppFile)
+{
+    *ppFile = NULL;
+    if (!XmlFile::create(path, ppFile) || *ppFile == NULL) {
+        *ppFile = NULL;
+        return NULL;
+    }
+    WCHAR nodeName[XMLDEV_NAME_CHARS];
+    DWORD nodeNameSize = XMLDEV_NAME_CHARS;
+    XmlNode *node = NULL;
+    if (!(*ppFile)->getNode(name, nodeName, &nodeNameSize, &node))
+        node = NULL;
+    return node;
+}
+
 /* The text of child element name into buf; FALSE when the element is missing or unreadable. */
 static BOOL childText(XmlNode *parent, LPCWSTR name, WCHAR *buf, DWORD cap)
 {
@@ -115,13 +132,8 @@ static BOOL childText(XmlNode *parent, LPCWSTR name, WCHAR *buf, DWORD cap)
 static int getImageSettings(LPCWSTR path, LPCWSTR kindName, DeviceDescriptor *d)
 {
     XmlFile *file = NULL;
-    if (!XmlFile::create(path, &file) || file == NULL)
-        return 1;
-
-    WCHAR nodeName[XMLDEV_NAME_CHARS];
-    DWORD nodeNameSize = XMLDEV_NAME_CHARS;
-    XmlNode *device = NULL;
-    if (file->getNode(TEXT("//device"), nodeName, &nodeNameSize, &device) && device != NULL) {
+    XmlNode *device = findInFile(path, TEXT("//device"), &file);
+    if (device != NULL) {
         XmlNode *kind = firstChild(device, kindName);
         XmlNode *upgrade = firstChild(kind, TEXT("upgrade"));
         if (upgrade != NULL) {
@@ -161,7 +173,8 @@ static int getImageSettings(LPCWSTR path, LPCWSTR kindName, DeviceDescriptor *d)
             kind->release();
         device->release();
     }
-    file->release();
+    if (file != NULL)
+        file->release();
     /* Always 1: a missing file or element leaves the record as it was. */
     return 1;
 }
@@ -181,14 +194,10 @@ int GetKernelXMLSettings(LPCWSTR path, DeviceDescriptor *descriptor)
 int GetRegionFileSettings(LPCWSTR path, RegionDescriptor *r)
 {
     XmlFile *file = NULL;
-    if (!XmlFile::create(path, &file) || file == NULL)
-        return 0;
-
-    WCHAR nodeName[XMLDEV_NAME_CHARS];
-    DWORD nodeNameSize = XMLDEV_NAME_CHARS;
-    XmlNode *region = NULL;
-    if (!file->getNode(TEXT("region"), nodeName, &nodeNameSize, &region) || region == NULL) {
-        file->release();
+    XmlNode *region = findInFile(path, TEXT("region"), &file);
+    if (region == NULL) {
+        if (file != NULL)
+            file->release();
         return 0;
     }
 

@@ -221,15 +221,24 @@ static HANDLE createTag(const TarskEngine *e, LPCWSTR name)
     return os_wfopen(path, TEXT("w"));
 }
 
-/* The version, hardware type and hardware version lines of one image kind. */
-static void writeImageLines(HANDLE f, const char *version, const char *hwType,
-                            const char *hwVersion, const TarskEngine *e, const DWORD device[3],
-                            const DeviceDescriptor *d, const WCHAR *deviceHwType)
+/* The report of one image kind: what the device runs against what the package brings. The kernel's
+ * report also says whether it formats. */
+static void writeImageTag(const TarskEngine *e, LPCWSTR tagName, const char *kind, const DWORD device[3],
+                          const DeviceDescriptor *d, const WCHAR *deviceHwType, const WCHAR *format)
 {
-    tagLine(f, version, (int)device[0], (int)device[1], (int)device[2], (int)d->version[0],
-            (int)d->version[1], (int)d->version[2]);
-    tagLine(f, hwType, deviceHwType, d->hardwareType);
-    tagLine(f, hwVersion, (int)e->m_dwHardwareVersion, d->hardwareVersion);
+    HANDLE f = createTag(e, tagName);
+    if (f == NULL)
+        return;
+    tagLine(f, "%hs upgrade way: %ls\r\n", kind, d->force ? TEXT("Force upgrade") : TEXT("Normal upgrade"));
+    if (format != NULL)
+        tagLine(f, "%hs upgrade Format: %ls\r\n", kind, format);
+    tagLine(f, "%hs version: Upgrade from (V%1.1d.%2.2d.%4.4d) to (V%1.1d.%2.2d.%4.4d)\r\n", kind,
+            (int)device[0], (int)device[1], (int)device[2], (int)d->version[0], (int)d->version[1],
+            (int)d->version[2]);
+    tagLine(f, "%hs HW Type: Upgrade from (%ls) to (%ls)\r\n", kind, deviceHwType, d->hardwareType);
+    tagLine(f, "%hs HW Version: Upgrade from (%d) to (%ls)\r\n", kind, (int)e->m_dwHardwareVersion,
+            d->hardwareVersion);
+    os_fclose(f);
 }
 
 void tarsk_writeTagReport(TarskEngine *engine)
@@ -238,32 +247,12 @@ void tarsk_writeTagReport(TarskEngine *engine)
     WCHAR deviceHwType[TARSK_HW_RECORD_BYTES / 2 + 1];
     tarsk_deviceHardwareType(e, deviceHwType, TARSK_HW_RECORD_BYTES / 2 + 1);
 
-    if (e->m_bUbootExists) {
-        HANDLE f = createTag(e, TEXT("\\upgrade.uboot.tag"));
-        if (f != NULL) {
-            const DeviceDescriptor *d = &e->m_UbootDescriptor;
-            tagLine(f, "UBoot upgrade way: %ls\r\n", d->force ? TEXT("Force upgrade") : TEXT("Normal upgrade"));
-            writeImageLines(f, "UBoot version: Upgrade from (V%1.1d.%2.2d.%4.4d) to (V%1.1d.%2.2d.%4.4d)\r\n",
-                            "UBoot HW Type: Upgrade from (%ls) to (%ls)\r\n",
-                            "UBoot HW Version: Upgrade from (%d) to (%ls)\r\n", e,
-                            e->m_adwDeviceBootVersion, d, deviceHwType);
-            os_fclose(f);
-        }
-    }
-
-    if (e->m_bKernelExists) {
-        HANDLE f = createTag(e, TEXT("\\upgrade.winceimg.tag"));
-        if (f != NULL) {
-            const DeviceDescriptor *d = &e->m_KernelDescriptor;
-            tagLine(f, "Kernel upgrade way: %ls\r\n", d->force ? TEXT("Force upgrade") : TEXT("Normal upgrade"));
-            tagLine(f, "Kernel upgrade Format: %ls\r\n", e->m_bFormatKernel ? TEXT("Yes") : TEXT("No"));
-            writeImageLines(f, "Kernel version: Upgrade from (V%1.1d.%2.2d.%4.4d) to (V%1.1d.%2.2d.%4.4d)\r\n",
-                            "Kernel HW Type: Upgrade from (%ls) to (%ls)\r\n",
-                            "Kernel HW Version: Upgrade from (%d) to (%ls)\r\n", e,
-                            e->m_adwDeviceKernelVersion, d, deviceHwType);
-            os_fclose(f);
-        }
-    }
+    if (e->m_bUbootExists)
+        writeImageTag(e, TEXT("\\upgrade.uboot.tag"), "UBoot", e->m_adwDeviceBootVersion, &e->m_UbootDescriptor,
+                      deviceHwType, NULL);
+    if (e->m_bKernelExists)
+        writeImageTag(e, TEXT("\\upgrade.winceimg.tag"), "Kernel", e->m_adwDeviceKernelVersion,
+                      &e->m_KernelDescriptor, deviceHwType, e->m_bFormatKernel ? TEXT("Yes") : TEXT("No"));
 
     if (!e->m_bUbootExists && !e->m_bKernelExists && !e->m_bRegionExists) {
         HANDLE f = createTag(e, TEXT("\\upgrade.winceimg.tag"));
