@@ -4,7 +4,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <sstream>
+#include <algorithm>
 #include <thread>
 
 namespace sim {
@@ -136,21 +138,223 @@ std::optional<int64_t> profileInt(const toml::table &t, const std::string &path)
 
 // ---------------------------------------------------------------- clock
 
-Clock::Clock(double scale) : m_scale(scale), m_start(std::chrono::steady_clock::now()) {}
+struct Clock::Waiter {
+    const std::function<bool()> *ready;
+    uint64_t deadline;          // device ms; UINT64_MAX: none
+    bool counted;               // an attached device thread: counted in m_running while it runs
+    bool done = false;
+    bool result = false;
+};
 
-void Clock::setScale(double scale) { m_scale = scale > 0 ? scale : 1.0; }
+namespace {
+constexpr uint64_t kNever = UINT64_MAX;
+thread_local Clock *t_attached = nullptr;   // the clock the calling thread is a device thread of
+}  // namespace
 
-DWORD Clock::ticks() const {
-    auto real = std::chrono::steady_clock::now() - m_start;
-    double ms = std::chrono::duration<double, std::milli>(real).count() / m_scale.load();
-    return m_base + DWORD(uint64_t(ms));
+Clock::Clock(double scale) : m_scale(scale > 0 ? scale : 0), m_start(std::chrono::steady_clock::now()) {}
+
+Clock::~Clock() {
+    shutdown();
+    if (t_attached == this) t_attached = nullptr;
 }
+
+void Clock::shutdown() {
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_stopping = true;
+        m_events.clear();
+    }
+    m_cv.notify_all();
+    if (m_timer.joinable() && m_timer.get_id() != std::this_thread::get_id()) m_timer.join();
+}
+
+void Clock::setScale(double scale) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    const uint64_t at = now();
+    m_scale = scale > 0 ? scale : 0;
+    // Device time goes on from where it is.
+    m_now = at;
+    m_start = std::chrono::steady_clock::now() -
+              std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                  std::chrono::duration<double, std::milli>(double(at) * (m_scale > 0 ? m_scale.load() : 0)));
+    if (m_scale > 0 && !m_events.empty() && !m_timer.joinable()) m_timer = std::thread(&Clock::timerLoop, this);
+    lock.unlock();
+    m_cv.notify_all();
+}
+
+uint64_t Clock::now() const {
+    if (m_scale == 0) return m_now;
+    auto real = std::chrono::steady_clock::now() - m_start;
+    return uint64_t(std::chrono::duration<double, std::milli>(real).count() / m_scale.load());
+}
+
+DWORD Clock::ticks() const { return DWORD(m_base + now()); }
 
 std::chrono::nanoseconds Clock::real(DWORD deviceMs) const {
     return std::chrono::nanoseconds(int64_t(double(deviceMs) * 1e6 * m_scale.load()));
 }
 
-void Clock::sleep(DWORD ms) { std::this_thread::sleep_for(real(ms)); }
+std::chrono::steady_clock::time_point Clock::realAt(uint64_t deviceMs) const {
+    return m_start + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                         std::chrono::duration<double, std::milli>(double(deviceMs) * m_scale.load()));
+}
+
+void Clock::wakeLocked(Waiter *w, bool result) {
+    w->done = true;
+    w->result = result;
+    if (w->counted) ++m_running;
+    m_blocked.erase(std::find(m_blocked.begin(), m_blocked.end(), w));
+}
+
+void Clock::notifyLocked() {
+    // Waiters are offered the change in the order they began to wait.
+    for (size_t i = 0; i < m_blocked.size();) {
+        Waiter *w = m_blocked[i];
+        if ((*w->ready)()) {
+            wakeLocked(w, true);
+        } else {
+            ++i;
+        }
+    }
+    m_cv.notify_all();
+}
+
+void Clock::notify() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    notifyLocked();
+}
+
+void Clock::at(uint64_t atMs, std::function<void()> fn) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_events.emplace(atMs, std::move(fn));
+    if (m_scale > 0 && !m_timer.joinable()) m_timer = std::thread(&Clock::timerLoop, this);
+    m_cv.notify_all();
+}
+
+void Clock::advanceLocked() {
+    // Time moves only for someone who waits: with no device thread left, nothing happens any more.
+    while (m_scale == 0 && m_running == 0 && !m_blocked.empty() && !m_stopping) {
+        uint64_t next = kNever;
+        for (Waiter *w : m_blocked) next = std::min(next, w->deadline);
+        if (!m_events.empty()) next = std::min(next, m_events.begin()->first);
+        if (next == kNever) {
+            if (m_stalled) return;
+            m_stalled = true;   // reported once; a host thread may still wake someone
+            if (m_stall) {
+                m_stall();
+            } else {
+                std::fprintf(stderr, "sim: every device thread waits and nothing is due: the program can "
+                                     "never go on (device time %llu ms)\n", (unsigned long long)m_now.load());
+            }
+            return;
+        }
+        if (next > m_now) m_now = next;
+        // Events due now, in order; each may wake waiters.
+        while (!m_events.empty() && m_events.begin()->first <= m_now) {
+            auto fn = std::move(m_events.begin()->second);
+            m_events.erase(m_events.begin());
+            fn();
+            notifyLocked();
+        }
+        for (size_t i = 0; i < m_blocked.size();) {
+            Waiter *w = m_blocked[i];
+            if (w->deadline <= m_now) {
+                wakeLocked(w, false);
+            } else {
+                ++i;
+            }
+        }
+        m_cv.notify_all();
+    }
+}
+
+bool Clock::wait(std::unique_lock<std::mutex> &lock, const std::function<bool()> &ready, DWORD ms) {
+    if (ready()) return true;
+    if (ms == 0) return false;
+    const bool counted = t_attached == this;
+    Waiter w{&ready, ms == INFINITE ? kNever : now() + ms, counted};
+    m_blocked.push_back(&w);
+    m_stalled = false;
+    if (m_scale == 0) {
+        if (counted) --m_running;
+        advanceLocked();
+        m_cv.wait(lock, [&] { return w.done || m_stopping; });
+        if (!w.done) m_blocked.erase(std::find(m_blocked.begin(), m_blocked.end(), &w));
+        return w.result;
+    }
+    // Scaled real time: the deadline is a point of real time.
+    const auto due = realAt(w.deadline);
+    while (!w.done && !m_stopping) {
+        if (w.deadline == kNever) {
+            m_cv.wait(lock);
+        } else if (m_cv.wait_until(lock, due) == std::cv_status::timeout && !w.done) {
+            break;
+        }
+    }
+    if (!w.done) {
+        m_blocked.erase(std::find(m_blocked.begin(), m_blocked.end(), &w));
+        return false;
+    }
+    if (counted) --m_running;   // undo the count wakeLocked added: real time does not count threads
+    return w.result;
+}
+
+void Clock::sleep(DWORD ms) {
+    if (ms == 0) return;
+    static const std::function<bool()> never = [] { return false; };
+    std::unique_lock<std::mutex> lock(m_mutex);
+    wait(lock, never, ms);
+}
+
+void Clock::timerLoop() {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    while (!m_stopping && m_scale > 0) {
+        if (m_events.empty()) {
+            m_cv.wait(lock);
+            continue;
+        }
+        const uint64_t first = m_events.begin()->first;
+        if (now() < first) {
+            m_cv.wait_until(lock, realAt(first));
+            continue;
+        }
+        auto fn = std::move(m_events.begin()->second);
+        m_events.erase(m_events.begin());
+        fn();
+        notifyLocked();
+    }
+}
+
+void Clock::attachThread() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (t_attached == this) return;
+    t_attached = this;
+    ++m_running;
+}
+
+void Clock::detachThread() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    detachThreadLocked();
+}
+
+void Clock::detachThreadLocked() {
+    if (t_attached != this) return;
+    t_attached = nullptr;
+    --m_running;
+    advanceLocked();
+}
+
+void Clock::threadStarting() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    ++m_running;
+}
+
+void Clock::attachStartedThread() { t_attached = this; }
+
+void Clock::setStallHandler(std::function<void()> fn) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_stall = std::move(fn);
+}
 
 // ---------------------------------------------------------------- journal
 
@@ -276,28 +480,75 @@ Device::Device(const fs::path &folder, const fs::path &journalFile)
 
 Device::~Device() {
     uninstall();
+    m_clock.shutdown();
     m_journal.close();
 }
 
-void Device::install() { g_current = this; }
+void Device::install() {
+    g_current = this;
+    m_clock.attachThread();
+}
 
 void Device::uninstall() {
+    m_clock.detachThread();
     Device *self = this;
     g_current.compare_exchange_strong(self, nullptr);
 }
 
+// "[fail] Name = error" or "[fail] Name = { error = E, nth = N }"; "[crash] Name = N".
+static void loadInjections(const toml::table &profile, std::map<std::string, unsigned> &crashes,
+                           const std::function<void(const std::string &, DWORD, unsigned)> &fail) {
+    if (const toml::node *node = profile.get("fail")) {
+        const toml::table *t = node->as_table();
+        if (!t) badProfile("fail", "must be a table of CE call names");
+        for (auto &&[key, value] : *t) {
+            const std::string name(key.str());
+            if (auto v = value.value<int64_t>(); v && value.is_integer()) {
+                if (*v < 0 || *v > int64_t(0xFFFFFFFFu)) badProfile("fail." + name, "must be an error code");
+                fail(name, DWORD(*v), 0);
+            } else if (const toml::table *entry = value.as_table()) {
+                auto error = entry->get("error") ? entry->get("error")->value<int64_t>() : std::nullopt;
+                auto nth = entry->get("nth") ? entry->get("nth")->value<int64_t>() : std::optional<int64_t>(0);
+                if (!error || *error < 0 || *error > int64_t(0xFFFFFFFFu))
+                    badProfile("fail." + name + ".error", "must be an error code");
+                if (!nth || *nth < 0) badProfile("fail." + name + ".nth", "must be a call number from 1");
+                for (auto &&[k, v2] : *entry)
+                    if (k.str() != "error" && k.str() != "nth")
+                        badProfile("fail." + name + "." + std::string(k.str()), "unknown key (error, nth)");
+                fail(name, DWORD(*error), unsigned(*nth));
+            } else {
+                badProfile("fail." + name, "must be an error code or { error = E, nth = N }");
+            }
+        }
+    }
+    if (const toml::node *node = profile.get("crash")) {
+        const toml::table *t = node->as_table();
+        if (!t) badProfile("crash", "must be a table of CE call names");
+        for (auto &&[key, value] : *t) {
+            auto v = value.value<int64_t>();
+            if (!v || !value.is_integer() || *v < 1) badProfile("crash." + std::string(key.str()), "must be a call number from 1");
+            crashes[std::string(key.str())] = unsigned(*v);
+        }
+    }
+}
+
 void Device::loadProfile() {
     m_program = fromUtf8(profileString(m_profile, "device.program").value_or("\\My Flash Disk\\tarsk.exe"));
-    if (auto scale = m_profile.at_path("device.time_scale").value<double>()) m_clock.setScale(*scale);
-    if (auto base = profileInt(m_profile, "device.tick_base")) m_clock.setBase(DWORD(*base));
-    if (const toml::table *fail = m_profile["fail"].as_table()) {
-        for (auto &&[name, value] : *fail)
-            if (auto v = value.value<int64_t>()) m_failures[std::string(name.str())] = DWORD(*v);
+    if (const toml::node *n = m_profile.at_path("device.time_scale").node()) {
+        auto scale = n->value<double>();
+        if (!scale || *scale < 0) badProfile("device.time_scale", "must be a number, 0 or above");
+        m_clock.setScale(*scale);
     }
+    if (auto base = profileInt(m_profile, "device.tick_base")) m_clock.setBase(DWORD(*base));
+    loadInjections(m_profile, m_crashes, [this](const std::string &name, DWORD error, unsigned nth) {
+        m_failures[name] = Injected{error, nth};
+    });
     loadStorageProfile(*this, m_profile);
     loadRegistryProfile(*this, m_profile);
     m_kernel = makeKernel(*this, m_profile);
     m_devices = makeDevices(*this, m_profile);
+    m_windows = makeWindows(*this, m_profile);
+    m_power = makePower(*this, m_profile);
 }
 
 std::u16string Device::programPath() const {
@@ -305,26 +556,64 @@ std::u16string Device::programPath() const {
     return m_program;
 }
 
-std::optional<DWORD> Device::failure(const std::string &call) const {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    auto it = m_failures.find(call);
-    if (it == m_failures.end()) return std::nullopt;
-    return it->second;
+std::optional<DWORD> Device::failure(const std::string &call) {
+    unsigned n;
+    bool crash;
+    std::optional<DWORD> error;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        n = ++m_calls[call];
+        auto c = m_crashes.find(call);
+        crash = c != m_crashes.end() && c->second == n;
+        auto f = m_failures.find(call);
+        if (f != m_failures.end() && (f->second.nth == 0 || f->second.nth == n)) error = f->second.error;
+    }
+    if (crash) raiseAccessViolation();
+    return error;
 }
 
-void Device::setFailure(const std::string &call, std::optional<DWORD> error) {
+void Device::setFailure(const std::string &call, std::optional<DWORD> error, unsigned nth) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (error) m_failures[call] = *error;
+    if (error) m_failures[call] = Injected{*error, nth};
     else m_failures.erase(call);
 }
 
+void Device::setCrash(const std::string &call, unsigned nth) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (nth) m_crashes[call] = nth;
+    else m_crashes.erase(call);
+}
+
+unsigned Device::callCount(const std::string &call) const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto it = m_calls.find(call);
+    return it == m_calls.end() ? 0 : it->second;
+}
+
+void Device::setEndHandler(std::function<int(UINT, const std::string &)> fn) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_endHandler = std::move(fn);
+}
+
 void Device::endProcess(UINT code, const std::string &reason) {
-    m_journal.write("exit", {{"code", code}});
+    if (m_ending.exchange(true)) {
+        // Another thread is ending the process; it exits shortly.
+        for (;;) std::this_thread::sleep_for(std::chrono::seconds(1));
+    }
+    // The process ended with a code when the program exited or crashed; a reset, a hand-over or a
+    // time-out ends the run without one.
+    if (reason == "exit" || reason == "crash") m_journal.write("exit", {{"code", code}});
     m_journal.write("end", {{"reason", reason}});
     m_journal.close();
+    std::function<int(UINT, const std::string &)> handler;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        handler = m_endHandler;
+    }
+    int exitCode = handler ? handler(code, reason) : int(code);
     std::fflush(stdout);
     std::fflush(stderr);
-    std::_Exit(int(code));
+    std::_Exit(exitCode);
 }
 
 }  // namespace sim

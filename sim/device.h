@@ -16,6 +16,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -24,6 +25,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace sim {
@@ -39,20 +41,79 @@ std::string lower(const std::string &s);          // ASCII lower case
 std::string hexBytes(const void *data, size_t n); // "0a1b..." lower-case pairs
 std::string hexCode(DWORD code);                  // "0x80002E78"
 
-// ---- clock: the device's tick count, scaled against real time ----
+// ---- clock: the device's tick count, and every wait of a device thread ----
+//
+// Time scale 0 is deterministic device time: time stands still while any device thread runs and,
+// when every device thread is blocked in wait() (Sleep, a wait with a time-out, a message wait, a
+// queue read), jumps to the earliest deadline among them and the scheduled events. A run then takes
+// the same device times whatever the host's load. A time scale above 0 runs in scaled real time
+// (1.0 real time, 0.01 a hundred times faster), for watching a run.
+//
+// Device threads: the thread that installs the device and every thread made by CreateThread. Any
+// other host thread may wait too; it is then simply not counted as running while it does not wait.
+//
+// Everything a waiter looks at (event and mutex states, message queues, ...) is guarded by the
+// clock's mutex(): change it with that mutex held and call notifyLocked() before releasing it (or
+// call notify() after). A ready() predicate runs with the mutex held, on any thread, and may consume
+// what it waits for (it is called until it returns true once).
 class Clock {
 public:
-    explicit Clock(double scale = 1.0);
-    void setScale(double scale);   // 1.0 real time; 0.01 makes a 2500 ms sleep take 25 ms
-    double scale() const { return m_scale.load(); }
+    explicit Clock(double scale = 0);
+    ~Clock();
+    void setScale(double scale);   // 0 deterministic; above 0 scaled real time (negative: 0)
+    double scale() const { return m_scale; }
+    bool deterministic() const { return m_scale == 0; }
     DWORD ticks() const;           // milliseconds of device time since start (plus the profile's base)
-    void sleep(DWORD ms);          // device milliseconds
-    std::chrono::nanoseconds real(DWORD deviceMs) const;  // device ms as real time
+    uint64_t now() const;          // the same, 64 bits, without the base
     void setBase(DWORD base) { m_base = base; }
+    std::chrono::nanoseconds real(DWORD deviceMs) const;  // device ms as real time (0 when deterministic)
+
+    std::mutex &mutex() { return m_mutex; }
+    // Blocks the calling thread until ready() or until ms of device time have passed (INFINITE: no
+    // limit; 0: just tests ready()). True when ready() returned true. The lock must hold mutex().
+    bool wait(std::unique_lock<std::mutex> &lock, const std::function<bool()> &ready, DWORD ms);
+    void sleep(DWORD ms);          // a wait for nothing (Sleep)
+    void notifyLocked();           // after a change, with mutex() held: wakes the waiters now ready
+    void notify();                 // the same, taking mutex()
+
+    // Runs fn at device time atMs (0 = the start of the run), with mutex() held; fn may change what
+    // waiters look at (notifyLocked() follows it) and may end the process, but must not wait.
+    // Events due at the same time run in the order they were added.
+    void at(uint64_t atMs, std::function<void()> fn);
+    // Device threads: the installing thread attaches itself; CreateThread counts the new thread before
+    // it starts (threadStarting) and the thread attaches as it begins and detaches as it ends.
+    void attachThread();           // the calling thread is a device thread
+    void detachThread();           // it is not (any more)
+    void detachThreadLocked();     // the same, with mutex() held (a thread's last act)
+    void threadStarting();         // a device thread is about to begin: counted as running already
+    void attachStartedThread();    // called by that thread as it begins
+    // Called when every device thread is blocked and nothing is due, ever (deterministic time): the
+    // program can never go on. The default prints a line on stderr and leaves the threads blocked.
+    void setStallHandler(std::function<void()> fn);
+    // Stops the clock for good: no event runs after it, and waits end (false). The device calls it
+    // first when it goes, before its parts.
+    void shutdown();
+
 private:
+    struct Waiter;
+    void advanceLocked();          // deterministic: while no device thread runs, move time on
+    void wakeLocked(Waiter *w, bool result);
+    void timerLoop();              // scaled real time: runs the events when due
+    std::chrono::steady_clock::time_point realAt(uint64_t deviceMs) const;
+
+    std::mutex m_mutex;
+    std::condition_variable m_cv;
     std::atomic<double> m_scale;
     std::chrono::steady_clock::time_point m_start;
+    std::atomic<uint64_t> m_now{0};      // deterministic device time
     DWORD m_base = 0;
+    int m_running = 0;                   // attached device threads not blocked
+    std::vector<Waiter *> m_blocked;
+    std::multimap<uint64_t, std::function<void()>> m_events;
+    std::function<void()> m_stall;
+    bool m_stalled = false;
+    bool m_stopping = false;
+    std::thread m_timer;
 };
 
 // ---- journal: DEVICE/run/journal.jsonl, one JSON object per line ----
@@ -76,6 +137,13 @@ private:
 struct Object {
     virtual ~Object() = default;
     virtual const char *type() const = 0;
+};
+
+// A kernel object that WaitForSingleObject can wait on. Its state is guarded by the clock's mutex.
+struct Waitable : Object {
+    // Called with the clock's mutex held: true when the object is signalled for the caller; consumes
+    // the signal when it must (an auto-reset event, a mutex taken).
+    virtual bool tryAcquire() = 0;
 };
 
 class Objects {
@@ -161,6 +229,8 @@ private:
 // Parts that live in their own files (kernel.cpp, devices.cpp); made by the device at start.
 class Kernel;
 class Devices;
+class Windows;   // windows.cpp: window manager, message queues, EDIT and BUTTON controls, GDI
+class Power;     // power.cpp: power status and notifications, message queues, device notifications
 
 // ---- the device ----
 class Device {
@@ -188,18 +258,34 @@ public:
     Registry &registry() { return m_registry; }
     Kernel &kernel() { return *m_kernel; }
     Devices &devices() { return *m_devices; }
+    Windows &windows() { return *m_windows; }
+    Power &power() { return *m_power; }
 
     // The running program's CE path ([device] program).
     std::u16string programPath() const;
     void setProgramPath(const std::u16string &p) { m_program = p; }
 
-    // Failure injection: an error code to fail a named call with ([fail] table: name = error).
-    std::optional<DWORD> failure(const std::string &call) const;
-    void setFailure(const std::string &call, std::optional<DWORD> error);
+    // Every CE call of the program passes here first (once per call): it counts the call by name,
+    // raises an injected access violation when the profile's [crash] table names this call's number
+    // (name = N), and returns the error to fail the call with ([fail] table: name = error, every
+    // call; or name = { error = E, nth = N }, only the Nth).
+    std::optional<DWORD> failure(const std::string &call);
+    void setFailure(const std::string &call, std::optional<DWORD> error, unsigned nth = 0);
+    void setCrash(const std::string &call, unsigned nth);   // 0 clears it
+    unsigned callCount(const std::string &call) const;
 
-    // What ends the run (TerminateProcess on the current process, a reset): journals "exit"/"end",
-    // flushes and ends the host process with the code, unless a test installed a handler.
+    // What ends the run (TerminateProcess on the current process, a reset, a crash, the runner's
+    // time-out): journals "exit" {code} (for an exit or a crash) and "end" {reason}, runs the end
+    // handler, flushes and ends the host process, with the handler's exit code when one is set, else
+    // with the program's code.
+    // Reasons: "exit", "reset", "handed-over", "crash", "timeout". A second call (from another thread
+    // while the first runs) waits for the first to end the process.
     [[noreturn]] void endProcess(UINT code, const std::string &reason);
+    void setEndHandler(std::function<int(UINT code, const std::string &reason)> fn);
+    // Set by the runner: the run ends ("handed-over") when the kernel has accepted the image request
+    // and the window thread next waits for a message.
+    void setEndAtHandOver(bool on) { m_endAtHandOver = on; }
+    bool endAtHandOver() const { return m_endAtHandOver; }
 
 private:
     void loadProfile();
@@ -213,8 +299,16 @@ private:
     Registry m_registry;
     std::shared_ptr<Kernel> m_kernel;
     std::shared_ptr<Devices> m_devices;
+    std::shared_ptr<Windows> m_windows;
+    std::shared_ptr<Power> m_power;
     std::u16string m_program;
-    std::map<std::string, DWORD> m_failures;
+    struct Injected { DWORD error = 0; unsigned nth = 0; };   // nth 0: every call
+    std::map<std::string, Injected> m_failures;
+    std::map<std::string, unsigned> m_crashes;
+    std::map<std::string, unsigned> m_calls;
+    std::function<int(UINT, const std::string &)> m_endHandler;
+    std::atomic<bool> m_ending{false};
+    bool m_endAtHandOver = false;
     mutable std::mutex m_mutex;
 };
 
@@ -223,6 +317,12 @@ void loadStorageProfile(Device &dev, const toml::table &profile);    // files.cp
 void loadRegistryProfile(Device &dev, const toml::table &profile);   // registry.cpp: [registry.'HKLM\\Key']
 std::shared_ptr<Kernel> makeKernel(Device &dev, const toml::table &profile);    // kernel.cpp: [kernel], [memory]
 std::shared_ptr<Devices> makeDevices(Device &dev, const toml::table &profile);  // devices.cpp: [flash_disk]
+std::shared_ptr<Windows> makeWindows(Device &dev, const toml::table &profile);  // windows.cpp: [screen], [input]
+std::shared_ptr<Power> makePower(Device &dev, const toml::table &profile);      // power.cpp: [power], [card]
+
+// Raises an access violation on the calling thread (an injected [crash]); exceptions.cpp turns it,
+// like a real fault, into the exception record, runs the guards' filters and ends the process.
+[[noreturn]] void raiseAccessViolation();
 
 // CreateFileW on a device name ("DSK1:"): true when the name is a device this device serves, with
 // *out the handle, or INVALID_HANDLE_VALUE and the last error set when it cannot be opened; false when

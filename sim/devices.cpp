@@ -113,14 +113,7 @@ Devices::Devices(Device &dev, const toml::table &profile)
     }
 }
 
-Devices::~Devices() {
-    {
-        std::lock_guard<std::mutex> lock(m_hddMutex);
-        m_stopping = true;
-    }
-    m_hddCv.notify_all();
-    if (m_timer.joinable()) m_timer.join();
-}
+Devices::~Devices() = default;
 
 std::optional<DWORD> Devices::failure(const std::string &op) const {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -350,35 +343,27 @@ BOOL Devices::ioControl(HANDLE h, DWORD code, void *in, DWORD inSize, void *out,
 
 // ---- "\HDD": mounted while the driver is active ----
 
+// A change of "\HDD" after the disk's delay, as a clock event; a later change replaces one still
+// pending (the event of the replaced one finds another generation and does nothing).
 void Devices::scheduleHdd(bool present) {
-    std::unique_lock<std::mutex> lock(m_hddMutex);
-    if (m_disk.hddDelayMs == 0) {
-        m_pending.reset();
-        applyHdd(present);
-        return;
-    }
-    m_pending = HddChange{present, std::chrono::steady_clock::now() + m_dev.clock().real(m_disk.hddDelayMs)};
-    if (!m_timer.joinable()) m_timer = std::thread(&Devices::timerLoop, this);
-    lock.unlock();
-    m_hddCv.notify_all();
-}
-
-void Devices::timerLoop() {
-    std::unique_lock<std::mutex> lock(m_hddMutex);
-    while (!m_stopping) {
-        if (!m_pending) {
-            m_hddCv.wait(lock);
-            continue;
+    unsigned generation;
+    {
+        std::lock_guard<std::mutex> lock(m_hddMutex);
+        if (m_disk.hddDelayMs == 0) {
+            m_pending.reset();
+            applyHdd(present);
+            return;
         }
-        auto due = m_pending->due;
-        if (std::chrono::steady_clock::now() < due) {
-            m_hddCv.wait_until(lock, due);
-            continue;   // the change may have been replaced meanwhile
-        }
-        bool present = m_pending->present;
-        m_pending.reset();
-        applyHdd(present);
+        generation = ++m_hddGeneration;
+        m_pending = HddChange{present, generation};
     }
+    m_dev.clock().at(m_dev.clock().now() + m_disk.hddDelayMs, [this, generation] {
+        std::lock_guard<std::mutex> lock(m_hddMutex);
+        if (!m_pending || m_pending->generation != generation) return;
+        bool change = m_pending->present;
+        m_pending.reset();
+        applyHdd(change);
+    });
 }
 
 bool Devices::hddChangePending() const {

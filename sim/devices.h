@@ -14,8 +14,7 @@
 // While the driver is active, HKLM\Drivers\Active\NN names it (Key, Name, Hnd) and the disk is
 // mounted at "\HDD" (the host folder fs/HDD). While it is not, the folder's content is kept aside
 // in DEVICE/run/flashdisk-hdd, so nothing on the disk is lost by a deactivation. A delayed change of
-// "\HDD" is made by a timer thread that the part owns and joins when the device goes; a later change
-// replaces one still pending. The sectors live in DEVICE/run/flashdisk.img, made at the disk's full
+// "\HDD" is a clock event; a later change replaces one still pending. The sectors live in DEVICE/run/flashdisk.img, made at the disk's full
 // size filled with 0xFF on the first write and kept from run to run as a disk would be. The state
 // at start (loaded or not) holds at once, without the delay.
 //
@@ -80,7 +79,6 @@ private:
     bool createActiveKey(DWORD handle);   // with m_mutex held
     void scheduleHdd(bool present);
     void applyHdd(bool present);          // with m_hddMutex held
-    void timerLoop();
     bool ensureImage(std::string &why);
 
     Device &m_dev;
@@ -96,11 +94,9 @@ private:
     DWORD m_nextHandle = 0x0DE00001;     // odd, so never a handle of the handle table
 
     mutable std::mutex m_hddMutex;
-    std::condition_variable m_hddCv;
-    struct HddChange { bool present; std::chrono::steady_clock::time_point due; };
+    struct HddChange { bool present; unsigned generation; };
     std::optional<HddChange> m_pending;
-    bool m_stopping = false;
-    std::thread m_timer;
+    unsigned m_hddGeneration = 0;
 };
 
 }  // namespace sim

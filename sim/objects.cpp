@@ -15,24 +15,6 @@ using namespace sim;
 
 namespace {
 
-// Something a thread can wait on.
-struct Waitable : Object {
-    std::mutex m;
-    std::condition_variable cv;
-    // Called under m: true when the object is signalled for the caller; consumes it if it must.
-    virtual bool tryAcquire() = 0;
-    // Waits until signalled or the device time runs out. Returns WAIT_OBJECT_0 or WAIT_TIMEOUT.
-    DWORD wait(DWORD ms) {
-        std::unique_lock<std::mutex> lock(m);
-        if (ms == INFINITE) {
-            cv.wait(lock, [&] { return tryAcquire(); });
-            return WAIT_OBJECT_0;
-        }
-        auto deadline = std::chrono::steady_clock::now() + dev().clock().real(ms);
-        return cv.wait_until(lock, deadline, [&] { return tryAcquire(); }) ? WAIT_OBJECT_0 : WAIT_TIMEOUT;
-    }
-};
-
 struct EventObject : Waitable {
     bool manual = false;
     bool signalled = false;
@@ -84,13 +66,17 @@ std::string mutexFileName(const std::u16string &name) {
 
 std::atomic<DWORD> g_nextThreadId{0x100};
 thread_local DWORD t_threadId = 0;
+thread_local int t_priority = THREAD_PRIORITY_NORMAL;
 
 }  // namespace
 
 DWORD WINAPI GetLastError(void) { return sim::lastError(); }
 void WINAPI SetLastError(DWORD e) { sim::setLastError(e); }
 DWORD WINAPI GetTickCount(void) { return dev().clock().ticks(); }
-void WINAPI Sleep(DWORD ms) { dev().clock().sleep(ms); }
+void WINAPI Sleep(DWORD ms) {
+    dev().failure("Sleep");
+    dev().clock().sleep(ms);
+}
 
 BOOL WINAPI CloseHandle(HANDLE h) {
     // A static object of the program may close its handle after the device has gone (at exit).
@@ -127,30 +113,48 @@ LONG WINAPI InterlockedExchange(LONG volatile *p, LONG v) { return __atomic_exch
 
 HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES, SIZE_T, LPTHREAD_START_ROUTINE start, LPVOID param,
                            DWORD, LPDWORD threadId) {
+    Device &d = dev();
+    if (auto e = d.failure("CreateThread")) {
+        SetLastError(*e);
+        return nullptr;
+    }
     auto obj = std::make_shared<ThreadObject>();
     obj->id = g_nextThreadId.fetch_add(4);
     if (threadId) *threadId = obj->id;
-    HANDLE h = dev().objects().add(obj);
-    std::thread([obj, start, param] {
+    HANDLE h = d.objects().add(obj);
+    Clock &clock = d.clock();
+    clock.threadStarting();   // counted as running from now, so device time waits for it
+    std::thread([obj, start, param, &clock] {
         t_threadId = obj->id;
+        clock.attachStartedThread();
         DWORD code = start(param);
-        std::lock_guard<std::mutex> lock(obj->m);
+        // One locked step: once a waiter can see the thread done, the device may go at any moment.
+        std::lock_guard<std::mutex> lock(clock.mutex());
         obj->exitCode = code;
         obj->done = true;
-        obj->cv.notify_all();
+        clock.notifyLocked();
+        clock.detachThreadLocked();
     }).detach();
     return h;
 }
 
 BOOL WINAPI SetThreadPriority(HANDLE h, int priority) {
+    if (auto e = dev().failure("SetThreadPriority")) {
+        SetLastError(*e);
+        return FALSE;
+    }
     auto t = dev().objects().getAs<ThreadObject>(h);
-    if (h == GetCurrentThread()) return TRUE;
+    if (h == GetCurrentThread()) {
+        t_priority = priority;
+        return TRUE;
+    }
     if (!t) { SetLastError(ERROR_INVALID_HANDLE); return FALSE; }
     t->priority = priority;
     return TRUE;
 }
 
 int WINAPI GetThreadPriority(HANDLE h) {
+    if (h == GetCurrentThread()) return t_priority;
     auto t = dev().objects().getAs<ThreadObject>(h);
     return t ? t->priority : THREAD_PRIORITY_NORMAL;
 }
@@ -158,7 +162,7 @@ int WINAPI GetThreadPriority(HANDLE h) {
 BOOL WINAPI GetExitCodeThread(HANDLE h, LPDWORD code) {
     auto t = dev().objects().getAs<ThreadObject>(h);
     if (!t || !code) { SetLastError(ERROR_INVALID_HANDLE); return FALSE; }
-    std::lock_guard<std::mutex> lock(t->m);
+    std::lock_guard<std::mutex> lock(dev().clock().mutex());
     *code = t->exitCode;
     return TRUE;
 }
@@ -174,6 +178,10 @@ DWORD WINAPI GetCurrentProcessId(void) { return DWORD(::getpid()); }
 // ---------------------------------------------------------------- events and mutexes
 
 HANDLE WINAPI CreateEventW(LPSECURITY_ATTRIBUTES, BOOL manual, BOOL initial, LPCWSTR) {
+    if (auto err = dev().failure("CreateEventW")) {
+        SetLastError(*err);
+        return nullptr;
+    }
     auto e = std::make_shared<EventObject>();
     e->manual = manual != FALSE;
     e->signalled = initial != FALSE;
@@ -184,15 +192,20 @@ HANDLE WINAPI CreateEventW(LPSECURITY_ATTRIBUTES, BOOL manual, BOOL initial, LPC
 static BOOL setEvent(HANDLE h, bool state) {
     auto e = dev().objects().getAs<EventObject>(h);
     if (!e) { SetLastError(ERROR_INVALID_HANDLE); return FALSE; }
-    std::lock_guard<std::mutex> lock(e->m);
+    Clock &clock = dev().clock();
+    std::lock_guard<std::mutex> lock(clock.mutex());
     e->signalled = state;
-    if (state) e->cv.notify_all();
+    if (state) clock.notifyLocked();
     return TRUE;
 }
 BOOL WINAPI SetEvent(HANDLE h) { return setEvent(h, true); }
 BOOL WINAPI ResetEvent(HANDLE h) { return setEvent(h, false); }
 
 HANDLE WINAPI CreateMutexW(LPSECURITY_ATTRIBUTES, BOOL initialOwner, LPCWSTR lpName) {
+    if (auto e = dev().failure("CreateMutexW")) {
+        SetLastError(*e);
+        return nullptr;
+    }
     std::u16string name = sim::wide(lpName);
     std::shared_ptr<MutexObject> m;
     bool exists = false;
@@ -221,7 +234,7 @@ HANDLE WINAPI CreateMutexW(LPSECURITY_ATTRIBUTES, BOOL initialOwner, LPCWSTR lpN
         m = std::make_shared<MutexObject>();
     }
     if (initialOwner && !exists) {
-        std::lock_guard<std::mutex> lock(m->m);
+        std::lock_guard<std::mutex> lock(dev().clock().mutex());
         m->tryAcquire();
     }
     HANDLE h = dev().objects().add(m);
@@ -232,27 +245,35 @@ HANDLE WINAPI CreateMutexW(LPSECURITY_ATTRIBUTES, BOOL initialOwner, LPCWSTR lpN
 BOOL WINAPI ReleaseMutex(HANDLE h) {
     auto m = dev().objects().getAs<MutexObject>(h);
     if (!m) { SetLastError(ERROR_INVALID_HANDLE); return FALSE; }
-    std::lock_guard<std::mutex> lock(m->m);
+    Clock &clock = dev().clock();
+    std::lock_guard<std::mutex> lock(clock.mutex());
     if (m->depth == 0 || m->owner != std::this_thread::get_id()) {
         SetLastError(288);  // ERROR_NOT_OWNER
         return FALSE;
     }
-    if (--m->depth == 0) m->cv.notify_all();
+    if (--m->depth == 0) clock.notifyLocked();
     return TRUE;
 }
 
 DWORD WINAPI WaitForSingleObject(HANDLE h, DWORD ms) {
-    auto w = dev().objects().getAs<Waitable>(h);
+    Device &d = dev();
+    if (auto e = d.failure("WaitForSingleObject")) {
+        SetLastError(*e);
+        return WAIT_FAILED;
+    }
+    auto w = d.objects().getAs<Waitable>(h);
     if (!w) {
         SetLastError(ERROR_INVALID_HANDLE);
         return WAIT_FAILED;
     }
-    return w->wait(ms);
+    std::unique_lock<std::mutex> lock(d.clock().mutex());
+    return d.clock().wait(lock, [&w] { return w->tryAcquire(); }, ms) ? WAIT_OBJECT_0 : WAIT_TIMEOUT;
 }
 
 // ---------------------------------------------------------------- process
 
 BOOL WINAPI TerminateProcess(HANDLE process, UINT code) {
+    dev().failure("TerminateProcess");
     if (process != GetCurrentProcess()) {
         SetLastError(ERROR_INVALID_HANDLE);
         return FALSE;

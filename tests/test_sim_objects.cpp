@@ -13,16 +13,34 @@ using testing_support::TestDevice;
 using testing_support::U;
 using testing_support::W;
 
-TEST(SimClock, TimeScaleShortensSleeps) {
+// Deterministic device time: it stands while a device thread runs and jumps to the earliest
+// deadline or event once every device thread waits, so each wait ends at an exact device time.
+TEST(SimClock, WaitsEndAtExactDeviceTimes) {
     TestDevice d;
-    d.dev().clock().setScale(0.001);
-    DWORD before = GetTickCount();
-    auto start = std::chrono::steady_clock::now();
+    static HANDLE event;
+    event = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    const DWORD t0 = GetTickCount();
     Sleep(2500);
-    auto real = std::chrono::steady_clock::now() - start;
-    DWORD after = GetTickCount();
-    EXPECT_GE(after - before, 2500u);                       // the device saw 2.5 s pass
-    EXPECT_LT(real, std::chrono::milliseconds(1000));       // the host did not wait them
+    EXPECT_EQ(GetTickCount() - t0, 2500u);
+    EXPECT_EQ(WaitForSingleObject(event, 1000), WAIT_TIMEOUT);
+    EXPECT_EQ(GetTickCount() - t0, 3500u);
+
+    // another device thread sets the event after 300 ms: the wait ends then, not at its time-out
+    HANDLE t = CreateThread(nullptr, 0, [](LPVOID) -> DWORD {
+        Sleep(300);
+        SetEvent(event);
+        return 0;
+    }, nullptr, 0, nullptr);
+    EXPECT_EQ(WaitForSingleObject(event, 1000), WAIT_OBJECT_0);
+    EXPECT_EQ(GetTickCount() - t0, 3800u);
+    EXPECT_EQ(WaitForSingleObject(t, INFINITE), WAIT_OBJECT_0);
+
+    // a scheduled event runs at its time, while the device sleeps past it
+    std::vector<DWORD> seen;
+    d.dev().clock().at(d.dev().clock().now() + 500, [&seen] { seen.push_back(GetTickCount()); });
+    Sleep(1000);
+    EXPECT_EQ(seen, std::vector<DWORD>{t0 + 4300});
+    EXPECT_EQ(GetTickCount() - t0, 4800u);
 }
 
 TEST(SimObjects, LastErrorIsPerThread) {

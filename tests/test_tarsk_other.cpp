@@ -82,36 +82,34 @@ TEST(TarskOther, VisibleFormatZeroesSectorZeroOnly) {
     EXPECT_TRUE(td.exists("\\HDD"));
 }
 
-// Each wait for "\HDD" to come or go tests, then sleeps a second up to ten times before it gives up.
+// Each wait for "\HDD" to come or go tests, then sleeps a second up to ten times before it gives up;
+// the device time each outcome takes is exact.
 TEST(TarskOther, VisibleFormatOutcomes) {
     const std::string notLoaded = "[flash_disk]\nloaded = false\nname = 'DSK1:'\n";
     struct Row { const char *name; std::string extra; DWORD result; std::vector<std::string> boxes;
-                 size_t deactivations, activations; DWORD minMs, maxMs; } rows[] = {
-        {"formats", kFlashDisk, 1, {}, 1, 1, 0, 1000},
+                 size_t deactivations, activations; DWORD ms; } rows[] = {
+        {"formats", kFlashDisk, 1, {}, 1, 1, 0},
         {"never leaves", kFlashDisk + "hdd_never_leaves = true\n", 0, {"FAILED: Format Visible Failed"}, 1, 0,
-         10000, 11000},   // ten sleeps, not eleven; gave up before activating again
+         10000},   // ten sleeps, not eleven; gave up before activating again
         {"never returns", kFlashDisk + "hdd_never_returns = true\n", 0, {"FAILED: Format Visible Failed"}, 1, 1,
-         10000, 11000},
-        {"goes and returns late", kFlashDisk + "hdd_delay_ms = 3500\n", 1, {}, 1, 1, 8000, 9000},   // 4 + 4 sleeps
+         10000},
+        {"goes and returns late", kFlashDisk + "hdd_delay_ms = 3500\n", 1, {}, 1, 1, 8000},   // 4 + 4 sleeps
         // no sector size: the write fails too; the format goes on
         {"getinfo fails", kFlashDisk + "[flash_disk.fail]\ngetinfo = 31\n", 1,
-         {"ERROR: DISK_IOCTL_GETINFO", "ERROR: DISK_IOCTL_WRITE"}, 1, 1, 0, 1000},
-        {"write fails", kFlashDisk + "[flash_disk.fail]\nwrite = 31\n", 1, {"ERROR: DISK_IOCTL_WRITE"}, 1, 1, 0, 1000},
+         {"ERROR: DISK_IOCTL_GETINFO", "ERROR: DISK_IOCTL_WRITE"}, 1, 1, 0},
+        {"write fails", kFlashDisk + "[flash_disk.fail]\nwrite = 31\n", 1, {"ERROR: DISK_IOCTL_WRITE"}, 1, 1, 0},
         // activated, then the wait is for "\HDD" to be gone: a driver that mounts at once gives up
-        {"not loaded", notLoaded, 0, {"FAILED: Format Visible Failed"}, 0, 1, 10000, 11000},
+        {"not loaded", notLoaded, 0, {"FAILED: Format Visible Failed"}, 0, 1, 10000},
         // no "\HDD", found nowhere: 0 without a box
-        {"cannot activate", notLoaded + "[flash_disk.fail]\nactivate = 31\n", 0, {}, 0, 1, 0, 1000},
-        {"no flash disk", "", 0, {}, 0, 1, 0, 1000},
+        {"cannot activate", notLoaded + "[flash_disk.fail]\nactivate = 31\n", 0, {}, 0, 1, 0},
+        {"no flash disk", "", 0, {}, 0, 1, 0},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);
         TestDevice td(profile(row.extra));
-        td.dev().clock().setScale(0.05);   // slow enough that jitter never adds up to one more sleep
         const DWORD before = GetTickCount();
         EXPECT_EQ(tarsk_formatVisibleDisk(), row.result);
-        const DWORD waited = GetTickCount() - before;
-        EXPECT_GE(waited, row.minMs);
-        EXPECT_LT(waited, row.maxMs);
+        EXPECT_EQ(GetTickCount() - before, row.ms) << "device milliseconds";
         EXPECT_EQ(boxes(td), row.boxes);
         EXPECT_EQ(td.events("deactivate_device").size(), row.deactivations);
         EXPECT_EQ(td.events("activate_device").size(), row.activations);

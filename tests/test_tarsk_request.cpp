@@ -43,7 +43,7 @@ TEST(TarskRequest, BeginUpgradingWithNothingSelectedPausesAndSendsNothing) {
     e->m_bFormatKernel = e->m_bUpgradeFromSDCard = 1;
     const DWORD before = GetTickCount();
     EXPECT_EQ(BeginUpgrading(e.e), 1u);
-    EXPECT_GE(GetTickCount() - before, 2500u);
+    EXPECT_EQ(GetTickCount() - before, 2500u);
     EXPECT_EQ(progressLines(), std::vector<std::string>{"\r\n===BEGION UPGRADING...===\r\n"});
     EXPECT_TRUE(ioctls(td, "0x80002E78").empty());
 }
@@ -56,7 +56,7 @@ TEST(TarskRequest, BeginUpgradingWithoutACallbackSendsAtOnce) {
     e->m_bUpgradeBboot = e->m_bUpgradeRegion = e->m_bUpgradeFromSDCard = e->m_bFormatKernel = 1;
     const DWORD before = GetTickCount();
     EXPECT_EQ(BeginUpgrading(e.e), 1u);
-    EXPECT_LT(GetTickCount() - before, 2500u);
+    EXPECT_EQ(GetTickCount() - before, 0u);
     auto requests = ioctls(td, "0x80002E78");
     ASSERT_EQ(requests.size(), 1u);
     EXPECT_EQ(requests[0]["input"], "050000000100000001000000" + kReserved);

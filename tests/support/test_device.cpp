@@ -27,7 +27,6 @@ TestDevice::TestDevice(const std::string &profile, bool keep) : m_keep(keep) {
         sim::fs::remove_all(m_folder, ec);
         throw;
     }
-    m_dev->clock().setScale(0.01);
     m_dev->install();
 }
 

@@ -11,7 +11,8 @@ namespace testing_support {
 
 class TestDevice {
 public:
-    // profile: the text of device.toml (may be empty). The clock runs at 0.01 of real time.
+    // profile: the text of device.toml (may be empty). The clock is deterministic device time unless
+    // the profile sets a time scale.
     explicit TestDevice(const std::string &profile = "", bool keep = false);
     ~TestDevice();
 
