@@ -24,7 +24,7 @@ target-check:
 	@scripts/target-check.sh
 
 run: build
-	@$(BUILD)/tarsk-sim check
+	@$(BUILD)/tarsk-sim run
 
 asan:
 	@$(MAKE) --no-print-directory test PRESET=asan

@@ -26,7 +26,10 @@ inline std::vector<std::string> &progressLines() {
     static std::vector<std::string> lines;
     return lines;
 }
-inline void recordProgress(LPCWSTR line) { progressLines().push_back(U(line)); }
+inline BOOL recordProgress(LPCWSTR line) {
+    progressLines().push_back(U(line));
+    return TRUE;
+}
 
 using testing_support::logText;
 
@@ -64,8 +67,8 @@ inline DeviceDescriptor descriptor(DWORD major, DWORD force = 0, const std::stri
 // An engine made on the current device, with the progress lines cleared after construction.
 struct Engine {
     TarskEngine *e;
-    explicit Engine(TarskProgressCallback cb = recordProgress) : e(Tarsk_CreateEngine(cb)) { progressLines().clear(); }
-    ~Engine() { Tarsk_DestroyEngine(e); }
+    explicit Engine(TarskProgressCallback cb = recordProgress) : e(new TarskEngine(cb)) { progressLines().clear(); }
+    ~Engine() { delete e; }
     Engine(const Engine &) = delete;
     Engine &operator=(const Engine &) = delete;
     TarskEngine *operator->() { return e; }

@@ -434,3 +434,13 @@ COSBufferInputFile *os_getBufferInputFile(void) {
     if (!s_bBufferInputFileReady) s_bBufferInputFileReady = s_bufferInputFile.SetBufferSize(OS_INPUT_BUFFER_SIZE);
     return &s_bufferInputFile;
 }
+
+void os_getModuleFolder(WCHAR *folder, DWORD capacity) {
+    WCHAR path[MAX_PATH];
+    path[0] = 0;
+    GetModuleFileNameW(NULL, path, MAX_PATH);
+    path[MAX_PATH - 1] = 0;
+    WCHAR *slash = (WCHAR *)uni_wcsrchr(path, TEXT('\\'));
+    if (slash != NULL) *slash = 0;
+    uni_wcsncpy0(folder, path, capacity);
+}

@@ -33,6 +33,10 @@ BOOL os_wfindclose(void);
 /* Fills a find record from the system's find data. */
 void os_fillFindRecord(OS_FIND_RECORD *record, const WIN32_FIND_DATAW *data);
 
+/* The running program's folder: its module file name (at most MAX_PATH characters) cut at the last
+ * backslash, into folder of capacity characters (cut and terminated). */
+void os_getModuleFolder(WCHAR *folder, DWORD capacity);
+
 /* The bounded formatters: count in characters (wide) or bytes (narrow). */
 int os_snwprintf(WCHAR *dst, size_t count, const WCHAR *format, FMT_ARGS_DECL);
 int os_snprintf(char *dst, size_t count, const char *format, FMT_ARGS_DECL);

@@ -355,11 +355,7 @@ static const WCHAR *vl_programDebugIni(void) {
     static BOOL done = FALSE;
     if (!done) {
         WCHAR folder[MAX_PATH];
-        folder[0] = 0;
-        GetModuleFileNameW(NULL, folder, MAX_PATH);
-        folder[MAX_PATH - 1] = 0;
-        WCHAR *slash = (WCHAR *)uni_wcsrchr(folder, TEXT('\\'));
-        if (slash) *slash = 0;
+        os_getModuleFolder(folder, MAX_PATH);
         uni_snwprintf(path, MAX_PATH, TEXT("%s%s%s"), folder, TEXT("\\"), TEXT("debug.ini"));
         done = TRUE;
     }

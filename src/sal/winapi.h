@@ -30,6 +30,11 @@
 #endif
 #include <windows.h>
 #include <winioctl.h>
+/* CE's WinMain takes a wide command line: on the desktop that entry is wWinMain. */
+#define WinMain wWinMain
+/* CE's power broadcast types, where the desktop headers have their own. */
+#undef PBT_POWERSTATUSCHANGE
+#undef PBT_RESUME
 #define TARSK_NEED_CE_DECLARATIONS 1
 
 #else
@@ -223,13 +228,15 @@ typedef struct _CRITICAL_SECTION {
 typedef DWORD (WINAPI *PTHREAD_START_ROUTINE)(LPVOID lpThreadParameter);
 typedef PTHREAD_START_ROUTINE LPTHREAD_START_ROUTINE;
 
-#define THREAD_PRIORITY_TIME_CRITICAL 15
-#define THREAD_PRIORITY_HIGHEST 2
-#define THREAD_PRIORITY_ABOVE_NORMAL 1
-#define THREAD_PRIORITY_NORMAL 0
-#define THREAD_PRIORITY_BELOW_NORMAL (-1)
-#define THREAD_PRIORITY_LOWEST (-2)
-#define THREAD_PRIORITY_IDLE (-15)
+/* CE's eight-level scale: 0 is the highest. */
+#define THREAD_PRIORITY_TIME_CRITICAL 0
+#define THREAD_PRIORITY_HIGHEST 1
+#define THREAD_PRIORITY_ABOVE_NORMAL 2
+#define THREAD_PRIORITY_NORMAL 3
+#define THREAD_PRIORITY_BELOW_NORMAL 4
+#define THREAD_PRIORITY_LOWEST 5
+#define THREAD_PRIORITY_ABOVE_IDLE 6
+#define THREAD_PRIORITY_IDLE 7
 
 /* Registry. */
 #define HKEY_CLASSES_ROOT ((HKEY)(ULONG_PTR)0x80000000u)
@@ -295,6 +302,226 @@ typedef HANDLE HLOCAL;
 #define MB_TOPMOST 0x00040000u
 #define IDOK 1
 #define IDCANCEL 2
+
+
+/* ---- windows and GDI ---- */
+struct HBRUSH__;  typedef struct HBRUSH__ *HBRUSH;
+struct HFONT__;   typedef struct HFONT__ *HFONT;
+struct HICON__;   typedef struct HICON__ *HICON;
+struct HMENU__;   typedef struct HMENU__ *HMENU;
+struct HDC__;     typedef struct HDC__ *HDC;
+typedef HICON HCURSOR;
+typedef void *HGDIOBJ;
+typedef WORD ATOM;
+
+typedef LRESULT (CALLBACK *WNDPROC)(HWND, UINT, WPARAM, LPARAM);
+
+typedef struct _WNDCLASSW {
+    UINT style;
+    WNDPROC lpfnWndProc;
+    int cbClsExtra;
+    int cbWndExtra;
+    HINSTANCE hInstance;
+    HICON hIcon;
+    HCURSOR hCursor;
+    HBRUSH hbrBackground;
+    LPCWSTR lpszMenuName;
+    LPCWSTR lpszClassName;
+} WNDCLASSW, *PWNDCLASSW, *LPWNDCLASSW;
+typedef WNDCLASSW WNDCLASS;
+
+typedef struct tagPOINT {
+    LONG x;
+    LONG y;
+} POINT, *PPOINT, *LPPOINT;
+
+typedef struct tagRECT {
+    LONG left;
+    LONG top;
+    LONG right;
+    LONG bottom;
+} RECT, *PRECT, *LPRECT;
+
+typedef struct tagMSG {
+    HWND hwnd;
+    UINT message;
+    WPARAM wParam;
+    LPARAM lParam;
+    DWORD time;
+    POINT pt;
+} MSG, *PMSG, *LPMSG;
+
+#define LF_FACESIZE 32
+typedef struct tagLOGFONTW {
+    LONG lfHeight;
+    LONG lfWidth;
+    LONG lfEscapement;
+    LONG lfOrientation;
+    LONG lfWeight;
+    BYTE lfItalic;
+    BYTE lfUnderline;
+    BYTE lfStrikeOut;
+    BYTE lfCharSet;
+    BYTE lfOutPrecision;
+    BYTE lfClipPrecision;
+    BYTE lfQuality;
+    BYTE lfPitchAndFamily;
+    WCHAR lfFaceName[LF_FACESIZE];
+} LOGFONTW, *PLOGFONTW, *LPLOGFONTW;
+typedef LOGFONTW LOGFONT;
+
+#define LOWORD(l) ((WORD)((DWORD_PTR)(l) & 0xffff))
+#define HIWORD(l) ((WORD)(((DWORD_PTR)(l) >> 16) & 0xffff))
+#define MAKEWPARAM(l, h) ((WPARAM)(DWORD)(((WORD)(l)) | ((DWORD)((WORD)(h))) << 16))
+#define MAKELPARAM(l, h) ((LPARAM)(DWORD)(((WORD)(l)) | ((DWORD)((WORD)(h))) << 16))
+
+/* Window styles. */
+#define WS_OVERLAPPED 0x00000000L
+#define WS_CHILD 0x40000000L
+#define WS_VISIBLE 0x10000000L
+#define WS_BORDER 0x00800000L
+#define WS_VSCROLL 0x00200000L
+#define WS_HSCROLL 0x00100000L
+#define ES_LEFT 0x0000L
+#define ES_CENTER 0x0001L
+#define ES_MULTILINE 0x0004L
+#define ES_AUTOVSCROLL 0x0040L
+#define ES_READONLY 0x0800L
+#define ES_WANTRETURN 0x1000L
+#define BS_PUSHBUTTON 0x00000000L
+#define BS_CENTER 0x00000300L
+#define BS_TOP 0x00000400L
+#define CW_USEDEFAULT ((int)0x80000000)
+
+/* Messages. */
+#define WM_NULL 0x0000
+#define WM_CREATE 0x0001
+#define WM_DESTROY 0x0002
+#define WM_SETTEXT 0x000C
+#define WM_GETTEXT 0x000D
+#define WM_GETTEXTLENGTH 0x000E
+#define WM_PAINT 0x000F
+#define WM_CLOSE 0x0010
+#define WM_QUIT 0x0012
+#define WM_SETFONT 0x0030
+#define WM_GETFONT 0x0031
+#define WM_COMMAND 0x0111
+#define WM_LBUTTONDOWN 0x0201
+#define WM_LBUTTONUP 0x0202
+#define WM_USER 0x0400
+#define EM_GETSEL 0x00B0
+#define EM_SETSEL 0x00B1
+#define EM_REPLACESEL 0x00C2
+#define EM_LIMITTEXT 0x00C5
+#define EM_GETLIMITTEXT 0x00D5
+#define BM_CLICK 0x00F5
+#define BN_CLICKED 0
+
+/* GetSystemMetrics, GetStockObject, ShowWindow. */
+#define SM_CXSCREEN 0
+#define SM_CYSCREEN 1
+#define WHITE_BRUSH 0
+#define LTGRAY_BRUSH 1
+#define GRAY_BRUSH 2
+#define DKGRAY_BRUSH 3
+#define BLACK_BRUSH 4
+#define NULL_BRUSH 5
+#define SYSTEM_FONT 13
+#define SW_HIDE 0
+#define SW_SHOWNORMAL 1
+#define SW_SHOW 5
+#define FW_NORMAL 400
+#define FW_SEMIBOLD 600
+#define FW_BOLD 700
+
+ATOM WINAPI RegisterClassW(const WNDCLASSW *lpWndClass);
+HWND WINAPI CreateWindowExW(DWORD dwExStyle, LPCWSTR lpClassName, LPCWSTR lpWindowName, DWORD dwStyle, int X,
+                            int Y, int nWidth, int nHeight, HWND hWndParent, HMENU hMenu, HINSTANCE hInstance,
+                            LPVOID lpParam);
+BOOL WINAPI DestroyWindow(HWND hWnd);
+BOOL WINAPI ShowWindow(HWND hWnd, int nCmdShow);
+BOOL WINAPI UpdateWindow(HWND hWnd);
+BOOL WINAPI IsWindow(HWND hWnd);
+HWND WINAPI GetParent(HWND hWnd);
+BOOL WINAPI GetMessageW(LPMSG lpMsg, HWND hWnd, UINT wMsgFilterMin, UINT wMsgFilterMax);
+BOOL WINAPI TranslateMessage(const MSG *lpMsg);
+LRESULT WINAPI DispatchMessageW(const MSG *lpMsg);
+BOOL WINAPI PostMessageW(HWND hWnd, UINT Msg, WPARAM wParam, LPARAM lParam);
+LRESULT WINAPI SendMessageW(HWND hWnd, UINT Msg, WPARAM wParam, LPARAM lParam);
+void WINAPI PostQuitMessage(int nExitCode);
+LRESULT WINAPI DefWindowProcW(HWND hWnd, UINT Msg, WPARAM wParam, LPARAM lParam);
+int WINAPI GetSystemMetrics(int nIndex);
+HGDIOBJ WINAPI GetStockObject(int fnObject);
+HFONT WINAPI CreateFontIndirectW(const LOGFONTW *lplf);
+BOOL WINAPI DeleteObject(HGDIOBJ hObject);
+int WINAPI GetWindowTextLengthW(HWND hWnd);
+int WINAPI GetWindowTextW(HWND hWnd, LPWSTR lpString, int nMaxCount);
+BOOL WINAPI SetWindowTextW(HWND hWnd, LPCWSTR lpString);
+
+/* ---- processes ---- */
+typedef struct _STARTUPINFOW {
+    DWORD cb;
+    LPWSTR lpReserved;
+    LPWSTR lpDesktop;
+    LPWSTR lpTitle;
+    DWORD dwX;
+    DWORD dwY;
+    DWORD dwXSize;
+    DWORD dwYSize;
+    DWORD dwXCountChars;
+    DWORD dwYCountChars;
+    DWORD dwFillAttribute;
+    DWORD dwFlags;
+    WORD wShowWindow;
+    WORD cbReserved2;
+    LPBYTE lpReserved2;
+    HANDLE hStdInput;
+    HANDLE hStdOutput;
+    HANDLE hStdError;
+} STARTUPINFOW, *LPSTARTUPINFOW;
+typedef STARTUPINFOW STARTUPINFO;
+
+typedef struct _PROCESS_INFORMATION {
+    HANDLE hProcess;
+    HANDLE hThread;
+    DWORD dwProcessId;
+    DWORD dwThreadId;
+} PROCESS_INFORMATION, *PPROCESS_INFORMATION, *LPPROCESS_INFORMATION;
+
+BOOL WINAPI CreateProcessW(LPCWSTR lpApplicationName, LPWSTR lpCommandLine,
+                           LPSECURITY_ATTRIBUTES lpProcessAttributes, LPSECURITY_ATTRIBUTES lpThreadAttributes,
+                           BOOL bInheritHandles, DWORD dwCreationFlags, LPVOID lpEnvironment,
+                           LPCWSTR lpCurrentDirectory, LPSTARTUPINFOW lpStartupInfo,
+                           LPPROCESS_INFORMATION lpProcessInformation);
+
+/* ---- structured exceptions ---- */
+#define EXCEPTION_ACCESS_VIOLATION 0xC0000005u
+#define EXCEPTION_ILLEGAL_INSTRUCTION 0xC000001Du
+#define EXCEPTION_INT_DIVIDE_BY_ZERO 0xC0000094u
+#define EXCEPTION_DATATYPE_MISALIGNMENT 0x80000002u
+#define EXCEPTION_IN_PAGE_ERROR 0xC0000006u
+#define EXCEPTION_CONTINUE_SEARCH 0
+#define EXCEPTION_EXECUTE_HANDLER 1
+#define EXCEPTION_CONTINUE_EXECUTION (-1)
+#define EXCEPTION_MAXIMUM_PARAMETERS 15
+
+typedef struct _EXCEPTION_RECORD {
+    DWORD ExceptionCode;
+    DWORD ExceptionFlags;
+    struct _EXCEPTION_RECORD *ExceptionRecord;
+    PVOID ExceptionAddress;
+    DWORD NumberParameters;
+    ULONG_PTR ExceptionInformation[EXCEPTION_MAXIMUM_PARAMETERS];
+} EXCEPTION_RECORD, *PEXCEPTION_RECORD;
+
+typedef struct _CONTEXT {
+    DWORD ContextFlags;            /* the registers are the host's; the program reads none */
+} CONTEXT, *PCONTEXT;
+
+typedef struct _EXCEPTION_POINTERS {
+    PEXCEPTION_RECORD ExceptionRecord;
+    PCONTEXT ContextRecord;
+} EXCEPTION_POINTERS, *PEXCEPTION_POINTERS, *LPEXCEPTION_POINTERS;
 
 /* ---- functions defined by the simulated device ---- */
 DWORD WINAPI GetLastError(void);
@@ -427,6 +654,101 @@ typedef struct _SG_REQ {
     PFN_REQDONE sr_callback;
     SG_BUF sr_sglist[MAX_SG_BUF];
 } SG_REQ, *PSG_REQ;
+
+/* ---- power (pm.h, winbase.h of CE) ---- */
+typedef struct _SYSTEM_POWER_STATUS_EX2 {
+    BYTE ACLineStatus;
+    BYTE BatteryFlag;
+    BYTE BatteryLifePercent;
+    BYTE Reserved1;
+    DWORD BatteryLifeTime;
+    DWORD BatteryFullLifeTime;
+    BYTE Reserved2;
+    BYTE BackupBatteryFlag;
+    BYTE BackupBatteryLifePercent;
+    BYTE Reserved3;
+    DWORD BackupBatteryLifeTime;
+    DWORD BackupBatteryFullLifeTime;
+    DWORD BatteryVoltage;
+    DWORD BatteryCurrent;
+    DWORD BatteryAverageCurrent;
+    DWORD BatteryAverageInterval;
+    DWORD BatterymAHourConsumed;
+    DWORD BatteryTemperature;
+    DWORD BackupBatteryVoltage;
+    BYTE BatteryChemistry;
+} SYSTEM_POWER_STATUS_EX2, *PSYSTEM_POWER_STATUS_EX2, *LPSYSTEM_POWER_STATUS_EX2;
+typedef char TarskPowerStatusIs56Bytes[sizeof(SYSTEM_POWER_STATUS_EX2) == 56 ? 1 : -1];
+
+#define AC_LINE_OFFLINE 0x00
+#define AC_LINE_ONLINE 0x01
+#define AC_LINE_UNKNOWN 0xFF
+#define BATTERY_PERCENTAGE_UNKNOWN 0xFF
+
+#define PBT_TRANSITION 0x00000001
+#define PBT_RESUME 0x00000002
+#define PBT_POWERSTATUSCHANGE 0x00000004
+#define PBT_POWERINFOCHANGE 0x00000008
+#define POWER_NOTIFY_ALL 0xFFFFFFFF
+
+typedef struct _POWER_BROADCAST {
+    DWORD Message;
+    DWORD Flags;
+    DWORD Length;
+    WCHAR SystemPowerState[1];
+} POWER_BROADCAST, *PPOWER_BROADCAST;
+
+#define POWER_STATE_ON 0x00010000
+#define POWER_STATE_OFF 0x00020000
+#define POWER_STATE_SUSPEND 0x00200000
+#define POWER_STATE_RESET 0x00800000
+#define POWER_FORCE 0x00001000
+
+DWORD GetSystemPowerStatusEx2(PSYSTEM_POWER_STATUS_EX2 pSystemPowerStatusEx2, DWORD dwLen, BOOL fUpdate);
+HANDLE RequestPowerNotifications(HANDLE hMsgQ, DWORD Flags);
+DWORD StopPowerNotifications(HANDLE h);
+DWORD SetSystemPowerState(LPCWSTR pwsSystemState, DWORD StateFlags, DWORD Options);
+
+/* ---- point-to-point message queues (msgqueue.h) ---- */
+typedef struct MSGQUEUEOPTIONS_OS {
+    DWORD dwSize;
+    DWORD dwFlags;
+    DWORD dwMaxMessages;
+    DWORD cbMaxMessage;
+    BOOL bReadAccess;
+} MSGQUEUEOPTIONS, *LPMSGQUEUEOPTIONS, *PMSGQUEUEOPTIONS;
+#define MSGQUEUE_NOPRECOMMIT 0x00000001
+#define MSGQUEUE_ALLOW_BROKEN 0x00000002
+#define MSGQUEUE_MSGALERT 0x00000001
+
+HANDLE CreateMsgQueue(LPCWSTR lpName, LPMSGQUEUEOPTIONS lpOptions);
+BOOL ReadMsgQueue(HANDLE hMsgQ, LPVOID lpBuffer, DWORD cbBufferSize, LPDWORD lpNumberOfBytesRead, DWORD dwTimeout,
+                  DWORD *pdwFlags);
+BOOL WriteMsgQueue(HANDLE hMsgQ, LPVOID lpBuffer, DWORD cbDataSize, DWORD dwTimeout, DWORD dwFlags);
+BOOL CloseMsgQueue(HANDLE hMsgQ);
+
+/* ---- device notifications (pnp.h) ---- */
+#ifndef GUID_DEFINED
+#define GUID_DEFINED
+typedef struct _GUID {
+    DWORD Data1;
+    WORD Data2;
+    WORD Data3;
+    BYTE Data4[8];
+} GUID;
+#endif
+typedef const GUID *LPCGUID;
+
+typedef struct _DEVDETAIL {
+    GUID guidDevClass;
+    DWORD dwReserved;
+    BOOL fAttached;
+    int cbName;
+    WCHAR szName[1];
+} DEVDETAIL, *PDEVDETAIL;
+
+HANDLE RequestDeviceNotifications(LPCGUID devclass, HANDLE hMsgQ, BOOL fAll);
+BOOL StopDeviceNotifications(HANDLE h);
 
 BOOL KernelIoControl(DWORD dwIoControlCode, LPVOID lpInBuf, DWORD nInBufSize, LPVOID lpOutBuf,
                      DWORD nOutBufSize, LPDWORD lpBytesReturned);

@@ -27,24 +27,9 @@ static BOOL fileExists(LPCWSTR path)
     return GetFileAttributesW(path) != INVALID_FILE_ATTRIBUTES;
 }
 
-/* The folder of the running program: its full path without the last "\" and what follows. */
-static void getProgramFolder(WCHAR *folder, DWORD cap)
-{
-    WCHAR path[TARSK_PATH_CHARS];
-    memset(path, 0, sizeof(path));
-    DWORD n = GetModuleFileNameW(NULL, path, TARSK_PATH_CHARS);
-    if (n >= TARSK_PATH_CHARS)
-        n = TARSK_PATH_CHARS - 1;
-    path[n] = 0;
-    WCHAR *slash = (WCHAR *)uni_wcsrchr(path, TEXT('\\'));
-    if (slash != NULL)
-        *slash = 0;
-    uni_wcsncpy0(folder, path, cap);
-}
-
 static void gatherPaths(TarskEngine *e)
 {
-    getProgramFolder(e->m_szProgramFolder, TARSK_PATH_CHARS);
+    os_getModuleFolder(e->m_szProgramFolder, TARSK_PATH_CHARS);
 
     uni_snwprintf(e->m_szUbootPath, TARSK_PATH_CHARS, TEXT("%s%s%s%s"), e->m_szProgramFolder,
                   TEXT("\\"), TEXT("upgrade"), TEXT(".xml"));
@@ -63,35 +48,49 @@ static void gatherPaths(TarskEngine *e)
     e->m_bUpgradeFromSDCard = uni_wcsicmp(e->m_szProgramFolder, e->m_szExternalPath) == 0 ? 1 : 0;
 }
 
-TarskEngine *Tarsk_CreateEngine(TarskProgressCallback progress)
+TarskEngine::TarskEngine(TarskProgressCallback progress)
 {
-    TarskEngine *e = (TarskEngine *)os_malloc(sizeof(TarskEngine));
-    if (e == NULL)
-        return NULL;
-    memset(e, 0, sizeof(TarskEngine));
-    e->m_pfnProgress = progress;
+    TarskEngineState *state = this;
+    memset(state, 0, sizeof(TarskEngineState));
+    m_pfnProgress = progress;
 
-    e->m_pCipher = (TarskCipherContext *)os_malloc(sizeof(TarskCipherContext));
-    if (e->m_pCipher == NULL)
-        return e;
-    e->m_pCipher->delta = TARSK_CIPHER_DELTA;
-    e->m_pRegistry = new CTarskRegistry();
-    if (e->m_pRegistry == NULL)
-        return e;
+    m_pCipher = (TarskCipherContext *)os_malloc(sizeof(TarskCipherContext));
+    if (m_pCipher == NULL)
+        return;
+    m_pCipher->delta = TARSK_CIPHER_DELTA;
+    m_pRegistry = new CTarskRegistry();
+    if (m_pRegistry == NULL)
+        return;
 
-    gatherPaths(e);
-    tarsk_gatherDeviceFacts(e);
-    return e;
+    gatherPaths(this);
+    tarsk_gatherDeviceFacts(this);
 }
 
-void Tarsk_DestroyEngine(TarskEngine *engine)
+TarskEngine::~TarskEngine()
 {
-    if (engine == NULL)
-        return;
-    delete engine->m_pRegistry;
-    if (engine->m_pCipher != NULL)
-        os_free(engine->m_pCipher);
-    os_free(engine);
+    delete m_pRegistry;
+    if (m_pCipher != NULL)
+        os_free(m_pCipher);
+}
+
+void *TarskEngine::operator new(size_t size) throw()
+{
+    return os_malloc(size);
+}
+
+void TarskEngine::operator delete(void *block)
+{
+    os_free(block);
+}
+
+DWORD TarskEngine::CheckForUpgrade(DWORD withRegion)
+{
+    return ::CheckForUpgrade(this, withRegion);
+}
+
+DWORD TarskEngine::BeginUpgrading()
+{
+    return ::BeginUpgrading(this);
 }
 
 /* Reads the package whole, deletes it when running from internal flash, deciphers it and writes

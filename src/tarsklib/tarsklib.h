@@ -16,8 +16,9 @@
 
 class CTarskRegistry;
 
-/* The panel callback: one line of text ending in "\r\n". May be absent (NULL). */
-typedef void (*TarskProgressCallback)(LPCWSTR line);
+/* The panel callback: one line of text ending in "\r\n" (the result is not looked at). May be
+ * absent (NULL). */
+typedef BOOL (*TarskProgressCallback)(LPCWSTR line);
 
 /* ---- kernel control codes (device type 0x8000, method 0, access 0) ---- */
 #define IOCTL_QRV_SYS_GET_KERNEL_VERSION CTL_CODE(0x8000, 0x823, 0, 0)    /* 0x8000208C */
@@ -52,7 +53,7 @@ typedef char TarskUpgradeRequestIs24Bytes[sizeof(TarskUpgradeRequest) == 24 ? 1 
 #define TARSK_UPGRADE_VIA_INTERNAL 2
 
 /* The engine state. All fields are zero after construction until set. */
-struct TarskEngine {
+struct TarskEngineState {
     TarskCipherContext *m_pCipher;
     CTarskRegistry *m_pRegistry;
 
@@ -101,12 +102,27 @@ struct TarskEngine {
     DWORD m_bFormatVisibleAreaFail;
 };
 
-/* ---- construction (tarsklib.cpp) ----
- * Zeroes the state, creates the cipher context and the registry accessor, then gathers the paths
- * and the device facts. NULL only when the state itself cannot be allocated; when the context or the
- * accessor cannot be made the engine is returned ungathered. */
-TarskEngine *Tarsk_CreateEngine(TarskProgressCallback progress);
-void Tarsk_DestroyEngine(TarskEngine *engine);
+/* The engine object the application creates once (tarsklib.cpp). The constructor zeroes the state,
+ * creates the cipher context and the registry accessor and then gathers the paths and the device
+ * facts; when the context or the accessor cannot be made it stops before gathering, and
+ * IsConstructed() tells so. Allocated through the framework's allocator: new gives NULL when the
+ * allocation is refused. */
+class TarskEngine : public TarskEngineState {
+public:
+    explicit TarskEngine(TarskProgressCallback progress);
+    virtual ~TarskEngine();
+    BOOL IsConstructed() const { return m_pCipher != NULL && m_pRegistry != NULL; }
+    /* The application's two operations: see the free functions below. */
+    DWORD CheckForUpgrade(DWORD withRegion);
+    DWORD BeginUpgrading();
+
+    static void *operator new(size_t size) throw();
+    static void operator delete(void *block);
+
+private:
+    TarskEngine(const TarskEngine &);
+    TarskEngine &operator=(const TarskEngine &);
+};
 
 /* Finds, deciphers and reads the package; decides; writes the tag report. 1 when anything is to be
  * upgraded. withRegion 0 leaves the region unread and undecided. */

@@ -3,6 +3,7 @@
  * a device without it gets an empty one and every read simply finds nothing.
  */
 #include "tarsklib/tarskregistry.h"
+#include "platform/plat_alloc.h"
 
 #include "platform/platform.h"
 #include "platform/plat_unicode.h"
@@ -76,4 +77,14 @@ int CTarskRegistry::GetExternalPath(int number, LPWSTR buffer, DWORD capacity)
     if (ReadString(name, buffer, capacity)) return 1;
     if (buffer != NULL && capacity != 0) buffer[0] = 0;
     return 0;
+}
+
+void *CTarskRegistry::operator new(size_t size) throw()
+{
+    return os_malloc(size);
+}
+
+void CTarskRegistry::operator delete(void *block)
+{
+    os_free(block);
 }

@@ -22,6 +22,10 @@ public:
      * made empty and 0 returned. */
     int GetExternalPath(int number, LPWSTR buffer, DWORD capacity);
 
+    /* Allocated through the framework's allocator: new gives NULL when the allocation is refused. */
+    static void *operator new(size_t size) throw();
+    static void operator delete(void *block);
+
 private:
     CTarskRegistry(const CTarskRegistry &);
     CTarskRegistry &operator=(const CTarskRegistry &);
