@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <ctime>
 #include <fcntl.h>
 #include <functional>
 #include <sys/stat.h>
@@ -23,18 +22,9 @@ HANDLE openFile(const std::string &path, DWORD access, DWORD disposition) {
                        FILE_ATTRIBUTE_NORMAL, NULL);
 }
 
-// Whether the file opens (it is closed again at once).
-bool opens(const std::string &path, DWORD access, DWORD disposition) {
+bool opens(const std::string &path, DWORD access, DWORD disposition) {   // and closes it again
     HANDLE h = openFile(path, access, disposition);
     return h != INVALID_HANDLE_VALUE && CloseHandle(h);
-}
-
-std::string readAll(HANDLE h) {
-    std::string out;
-    char buf[64];
-    DWORD n = 0;
-    while (ReadFile(h, buf, sizeof buf, &n, NULL) && n) out.append(buf, n);
-    return out;
 }
 
 bool writeText(HANDLE h, const std::string &text) {
@@ -44,53 +34,33 @@ bool writeText(HANDLE h, const std::string &text) {
 
 uint64_t ticks100ns(const FILETIME &ft) { return (uint64_t(ft.dwHighDateTime) << 32) | ft.dwLowDateTime; }
 
-std::vector<std::string> findAll(const std::string &pattern, DWORD *firstError) {
-    std::vector<std::string> names;
-    WIN32_FIND_DATAW fd;
-    HANDLE h = FindFirstFileW(W(pattern).c_str(), &fd);
-    if (h == INVALID_HANDLE_VALUE) {
-        *firstError = GetLastError();
-        return names;
-    }
-    do names.push_back(U(fd.cFileName));
-    while (FindNextFileW(h, &fd));
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_NO_MORE_FILES));
-    EXPECT_TRUE(FindClose(h));
-    return names;
-}
+// A call by name with its result and the last error it leaves (set to `before` ahead of the call).
+struct Call { std::string what; std::function<DWORD()> call; DWORD result, error; };
 
-// A call by name with its result and the last error it leaves (cleared to 0 before the call).
-struct Call {
-    std::string what;
-    std::function<DWORD()> call;
-    DWORD result;
-    DWORD error;
-};
-
-void expectCalls(const std::vector<Call> &calls) {
+void expectCalls(const std::vector<Call> &calls, DWORD before = 0) {
     for (const Call &c : calls) {
         SCOPED_TRACE(c.what);
-        SetLastError(0);
+        SetLastError(before);
         EXPECT_EQ(c.call(), c.result);
         EXPECT_EQ(GetLastError(), c.error);
     }
 }
 
-Call del(const std::string &name, bool ok, DWORD error) {
-    return {"delete " + name, [=] { return DWORD(DeleteFileW(W(name).c_str())); }, DWORD(ok), error};
+using S = const std::string &;
+template <class F> Call named(const char *what, S n, F f, DWORD result, DWORD e) {
+    return {what + (" " + n), [=] { return DWORD(f(W(n).c_str())); }, result, e};
 }
-Call attrs(const std::string &name, DWORD result, DWORD error) {
-    return {"attributes " + name, [=] { return GetFileAttributesW(W(name).c_str()); }, result, error};
+Call del(S n, bool ok, DWORD e) { return named("delete", n, DeleteFileW, ok, e); }
+Call attrs(S n, DWORD result, DWORD e) { return named("attrs", n, GetFileAttributesW, result, e); }
+Call rmDir(S n, bool ok, DWORD e) { return named("rmdir", n, RemoveDirectoryW, ok, e); }
+Call mkDir(S n, bool ok, DWORD e) {
+    return named("mkdir", n, [](LPCWSTR p) { return CreateDirectoryW(p, NULL); }, ok, e);
 }
-Call mkDir(const std::string &name, bool ok, DWORD error) {
-    return {"mkdir " + name, [=] { return DWORD(CreateDirectoryW(W(name).c_str(), NULL)); }, DWORD(ok), error};
+Call opening(S n, DWORD access, DWORD disposition, bool ok, DWORD e) {
+    return {"open " + n, [=] { return DWORD(opens(n, access, disposition)); }, ok, e};
 }
-Call rmDir(const std::string &name, bool ok, DWORD error) {
-    return {"rmdir " + name, [=] { return DWORD(RemoveDirectoryW(W(name).c_str())); }, DWORD(ok), error};
-}
-Call opening(const std::string &name, DWORD access, DWORD disposition, bool ok, DWORD error) {
-    return {"open " + name, [=] { return DWORD(opens(name, access, disposition)); }, DWORD(ok), error};
-}
+// The last error a call that should fail leaves (0 when it succeeds).
+DWORD errorOf(BOOL ok) { return ok ? 0 : GetLastError(); }
 
 }  // namespace
 
@@ -98,102 +68,113 @@ TEST(SimFiles, ResolvesWithoutRegardToCaseAndKeepsNewNamesAsWritten) {
     TestDevice t;
     t.put("\\My Flash Disk\\Data\\File.TXT", "x");
     sim::FileSystem &files = t.dev().files();
-    sim::fs::path root = files.root();
-
-    EXPECT_EQ(*files.resolve(W("\\my flash disk\\DATA\\file.txt")), root / "My Flash Disk" / "Data" / "File.TXT");
-    EXPECT_EQ(*files.resolve(W("/MY FLASH DISK/data/New Name")), root / "My Flash Disk" / "Data" / "New Name");
+    const sim::fs::path root = files.root(), data = root / "My Flash Disk" / "Data";
+    EXPECT_EQ(*files.resolve(W("\\my flash disk\\DATA\\file.txt")), data / "File.TXT");
+    EXPECT_EQ(*files.resolve(W("/MY FLASH DISK/data/New Name")), data / "New Name");
     EXPECT_EQ(*files.resolve(W("\\My Flash Disk\\.\\Data\\..\\..\\..\\Data")), root / "Data");
     EXPECT_EQ(*files.resolve(W("\\\\My Flash Disk\\\\")), root / "My Flash Disk");
     EXPECT_FALSE(files.resolve(W("relative\\name")).has_value());
-    EXPECT_TRUE(files.exists(W("\\MY FLASH DISK\\data\\file.txt")));
-    EXPECT_FALSE(files.exists(W("\\My Flash Disk\\Data\\File.TXT\\below")));
-
     // The API takes a name without a leading separator from the root, as CE has no current folder.
-    HANDLE h = openFile("My Flash Disk/data/FILE.txt", GENERIC_READ, OPEN_EXISTING);
-    ASSERT_NE(h, INVALID_HANDLE_VALUE);
-    EXPECT_EQ(readAll(h), "x");
-    CloseHandle(h);
+    expectCalls({opening("My Flash Disk/data/FILE.txt", GENERIC_READ, OPEN_EXISTING, true, 0)});
 }
 
 TEST(SimFiles, CreationDispositionsGiveTheDocumentedResults) {
-    // content: the file afterwards (nullptr: absent)
-    struct Case { DWORD disposition; bool exists, ok; DWORD error; const char *content; };
-    const Case cases[] = {
-        {CREATE_NEW, false, true, 0, ""},
-        {CREATE_NEW, true, false, ERROR_FILE_EXISTS, "old"},
-        {CREATE_ALWAYS, false, true, 0, ""},
-        {CREATE_ALWAYS, true, true, ERROR_ALREADY_EXISTS, ""},
-        {OPEN_EXISTING, false, false, ERROR_FILE_NOT_FOUND, nullptr},
-        {OPEN_EXISTING, true, true, 0, "old"},
-        {OPEN_ALWAYS, false, true, 0, ""},
-        {OPEN_ALWAYS, true, true, ERROR_ALREADY_EXISTS, "old"},
-        {TRUNCATE_EXISTING, false, false, ERROR_FILE_NOT_FOUND, nullptr},
-        {TRUNCATE_EXISTING, true, true, 0, ""},
+    struct Row { DWORD disposition; bool exists, ok; DWORD error; const char *content; };   // null: no file after
+    const Row rows[] = {
+        {CREATE_NEW, false, true, 0, ""},     {CREATE_NEW, true, false, ERROR_FILE_EXISTS, "old"},
+        {CREATE_ALWAYS, false, true, 0, ""},  {CREATE_ALWAYS, true, true, ERROR_ALREADY_EXISTS, ""},
+        {OPEN_EXISTING, false, false, ERROR_FILE_NOT_FOUND, nullptr}, {OPEN_EXISTING, true, true, 0, "old"},
+        {OPEN_ALWAYS, false, true, 0, ""},    {OPEN_ALWAYS, true, true, ERROR_ALREADY_EXISTS, "old"},
+        {TRUNCATE_EXISTING, false, false, ERROR_FILE_NOT_FOUND, nullptr}, {TRUNCATE_EXISTING, true, true, 0, ""},
     };
     TestDevice t;
     t.put("\\Dir\\keep", "");
-    for (const Case &c : cases) {
-        SCOPED_TRACE("disposition " + std::to_string(c.disposition) + (c.exists ? " existing" : " missing"));
-        if (c.exists) t.put("\\Dir\\f.bin", "old");
+    for (const Row &r : rows) {
+        SCOPED_TRACE("disposition " + std::to_string(r.disposition) + (r.exists ? " existing" : " missing"));
+        if (r.exists) t.put("\\Dir\\f.bin", "old");
         else sim::fs::remove(t.host("\\Dir\\f.bin"));
         SetLastError(kNoLastError);
-        HANDLE h = openFile("\\dir\\F.BIN", RW, c.disposition);
-        EXPECT_EQ(h != INVALID_HANDLE_VALUE, c.ok);
-        EXPECT_EQ(GetLastError(), c.error);
+        HANDLE h = openFile("\\dir\\F.BIN", RW, r.disposition);
+        EXPECT_EQ(h != INVALID_HANDLE_VALUE, r.ok);
+        EXPECT_EQ(GetLastError(), r.error);
         if (h != INVALID_HANDLE_VALUE) { EXPECT_TRUE(CloseHandle(h)); }
-        EXPECT_EQ(t.exists("\\Dir\\f.bin"), c.content != nullptr);
-        if (c.content) { EXPECT_EQ(t.get("\\Dir\\f.bin"), c.content); }
+        EXPECT_EQ(t.exists("\\Dir\\f.bin") ? t.get("\\Dir\\f.bin") : "(none)", r.content ? r.content : "(none)");
     }
 }
 
-TEST(SimFiles, CreateFileRefusesBadNamesFoldersAndMissingFolders) {
+TEST(SimFiles, NamesFoldersAndMissingPathsGiveTheCeErrors) {
     TestDevice t;
-    t.put("\\Dir\\file", "x");
-    const std::string longName = "\\" + std::string(200, 'a') + "\\" + std::string(58, 'b');   // 260 characters
+    for (const char *name : {"f", "a", "open"}) t.put(std::string("\\D\\") + name, "x");
+    HANDLE h = openFile("\\D\\open", GENERIC_READ, OPEN_EXISTING);
+    ASSERT_NE(h, INVALID_HANDLE_VALUE);
+    const std::string a200 = "\\" + std::string(200, 'a');
+    const DWORD kNoFile = ERROR_FILE_NOT_FOUND, kNoPath = ERROR_PATH_NOT_FOUND, kDenied = ERROR_ACCESS_DENIED,
+                kName = ERROR_INVALID_NAME, kBad = ERROR_INVALID_PARAMETER, kExists = ERROR_ALREADY_EXISTS;
     expectCalls({
-        opening("\\Missing\\f", RW, OPEN_ALWAYS, false, ERROR_PATH_NOT_FOUND),
-        opening("\\Missing\\f", RW, OPEN_EXISTING, false, ERROR_PATH_NOT_FOUND),
-        opening("\\Dir\\file\\below", RW, CREATE_ALWAYS, false, ERROR_PATH_NOT_FOUND),
-        opening("\\Dir", RW, OPEN_EXISTING, false, ERROR_ACCESS_DENIED),
-        opening("\\DIR", RW, CREATE_ALWAYS, false, ERROR_ACCESS_DENIED),
-        opening("\\", RW, OPEN_EXISTING, false, ERROR_ACCESS_DENIED),
-        opening("\\Dir\\a*b", RW, CREATE_ALWAYS, false, ERROR_INVALID_NAME),
-        opening("\\Dir\\a|b", RW, CREATE_ALWAYS, false, ERROR_INVALID_NAME),
-        opening("\\Dir\\file", RW, 0, false, ERROR_INVALID_PARAMETER),
-        opening("\\Dir\\file", RW, 6, false, ERROR_INVALID_PARAMETER),
-        opening("", RW, OPEN_EXISTING, false, ERROR_PATH_NOT_FOUND),
-        opening(longName, RW, CREATE_ALWAYS, false, 206),
-        opening("NOPE9:", RW, OPEN_EXISTING, false, ERROR_FILE_NOT_FOUND),
+        opening("\\Nope\\f", RW, OPEN_ALWAYS, false, kNoPath), opening("\\Nope\\f", RW, OPEN_EXISTING, false, kNoPath),
+        opening("\\D\\f\\below", RW, CREATE_ALWAYS, false, kNoPath), opening("", RW, OPEN_EXISTING, false, kNoPath),
+        opening("\\D", RW, OPEN_EXISTING, false, kDenied), opening("\\d", RW, CREATE_ALWAYS, false, kDenied),
+        opening("\\", RW, OPEN_EXISTING, false, kDenied), opening("NOPE9:", RW, OPEN_EXISTING, false, kNoFile),
+        opening("\\D\\a*b", RW, CREATE_ALWAYS, false, kName), opening("\\D\\a|b", RW, CREATE_ALWAYS, false, kName),
+        opening("\\D\\f", RW, 0, false, kBad), opening("\\D\\f", RW, 6, false, kBad),
+        {"open no name",
+         [] { return DWORD(CreateFileW(NULL, RW, 0, NULL, OPEN_EXISTING, 0, NULL) == INVALID_HANDLE_VALUE); },
+         TRUE, kBad},
+        // 260 characters are too long, even under a missing folder; 259, the most CE allows, work.
+        opening(a200 + "\\" + std::string(58, 'b'), RW, CREATE_ALWAYS, false, 206), mkDir(a200, true, 0),
+        opening(a200 + "\\" + std::string(57, 'b'), RW, CREATE_ALWAYS, true, 0),
+        del("\\d\\A", true, 0), del("\\D\\a", false, kNoFile), del("\\Nope\\a", false, kNoPath),
+        del("\\D", false, kDenied), del("\\D\\OPEN", false, ERROR_SHARING_VIOLATION),
+        attrs("\\", FILE_ATTRIBUTE_DIRECTORY, 0), attrs("\\d", FILE_ATTRIBUTE_DIRECTORY, 0),
+        attrs("\\D\\F", FILE_ATTRIBUTE_ARCHIVE, 0), attrs("\\D\\g", INVALID_FILE_ATTRIBUTES, kNoFile),
+        attrs("\\E\\g", INVALID_FILE_ATTRIBUTES, kNoPath), attrs("\\D\\f\\g", INVALID_FILE_ATTRIBUTES, kNoPath),
+        mkDir("\\D\\New", true, 0), mkDir("\\d\\NEW", false, kExists), mkDir("\\D\\f", false, kExists),
+        mkDir("\\X\\Y", false, kNoPath), mkDir("\\D\\New\\Inner", true, 0),
+        rmDir("\\D\\New", false, ERROR_DIR_NOT_EMPTY), rmDir("\\D\\new\\inner", true, 0), rmDir("\\D\\New", true, 0),
+        rmDir("\\D\\New", false, kNoFile), rmDir("\\D\\f", false, 267),   // 267: ERROR_DIRECTORY
+        rmDir("\\", false, kDenied),
     });
-    EXPECT_EQ(CreateFileW(NULL, RW, 0, NULL, OPEN_EXISTING, 0, NULL), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_PARAMETER));
-    // The longest name CE allows (259 characters) works.
-    ASSERT_TRUE(CreateDirectoryW(W("\\" + std::string(200, 'a')).c_str(), NULL));
-    EXPECT_TRUE(opens("\\" + std::string(200, 'a') + "\\" + std::string(57, 'b'), RW, CREATE_ALWAYS));
+    CloseHandle(h);
+    EXPECT_TRUE(DeleteFileW(u"\\D\\open") && !t.exists("\\D\\open"));   // once no handle holds it
     EXPECT_EQ(t.dev().objects().count(), 0u);
 }
 
-TEST(SimFiles, AccessRightsAreEnforcedOnReadAndWrite) {
+TEST(SimFiles, CallsOnAHandleCheckItsAccessAndType) {
     TestDevice t;
     t.put("\\f", "abc");
     char buf[8];
-    DWORD n = 99;
-    HANDLE r = openFile("\\f", GENERIC_READ, OPEN_EXISTING);
-    HANDLE w = openFile("\\f", GENERIC_WRITE, OPEN_EXISTING);
-    HANDLE q = openFile("\\f", 0, OPEN_EXISTING);   // a query handle reads nothing and writes nothing
-    ASSERT_TRUE(r != INVALID_HANDLE_VALUE && w != INVALID_HANDLE_VALUE && q != INVALID_HANDLE_VALUE);
-    EXPECT_FALSE(WriteFile(r, "x", 1, &n, NULL));
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_ACCESS_DENIED));
+    DWORD n = 99, high = 0;
+    WIN32_FIND_DATAW fd;
+    HANDLE r = openFile("\\f", GENERIC_READ, OPEN_EXISTING), w = openFile("\\f", GENERIC_WRITE, OPEN_EXISTING);
+    HANDLE q = openFile("\\f", 0, OPEN_EXISTING), find = FindFirstFileW(u"\\*", &fd);   // q: a query handle
+    for (HANDLE h : {r, w, q, find}) ASSERT_NE(h, INVALID_HANDLE_VALUE);
+    EXPECT_EQ(errorOf(WriteFile(r, "x", 1, &n, NULL)), DWORD(ERROR_ACCESS_DENIED));
     EXPECT_EQ(n, 0u);
-    EXPECT_TRUE(ReadFile(r, buf, 8, &n, NULL));
-    EXPECT_EQ(n, 3u);
-    EXPECT_FALSE(ReadFile(w, buf, 8, &n, NULL));
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_ACCESS_DENIED));
+    EXPECT_TRUE(ReadFile(r, buf, 8, &n, NULL) && n == 3);
+    EXPECT_EQ(errorOf(ReadFile(w, buf, 8, &n, NULL)), DWORD(ERROR_ACCESS_DENIED));
     EXPECT_TRUE(writeText(w, "X"));
-    EXPECT_FALSE(ReadFile(q, buf, 1, &n, NULL));
-    EXPECT_FALSE(WriteFile(q, buf, 1, &n, NULL));
+    EXPECT_FALSE(ReadFile(q, buf, 1, &n, NULL) || WriteFile(q, buf, 1, &n, NULL));   // it reads and writes nothing
     EXPECT_EQ(GetFileSize(q, NULL), 3u);
-    for (HANDLE h : {r, w, q}) CloseHandle(h);
+    const DWORD kInvalid = ERROR_INVALID_HANDLE;
+    for (HANDLE h : {HANDLE(NULL), INVALID_HANDLE_VALUE, find}) {   // handles that are not files
+        expectCalls({
+            {"read", [&] { return DWORD(ReadFile(h, buf, 1, &n, NULL)); }, FALSE, kInvalid},
+            {"write", [&] { return DWORD(WriteFile(h, buf, 1, &n, NULL)); }, FALSE, kInvalid},
+            {"size", [&] { return GetFileSize(h, &high); }, INVALID_FILE_SIZE, kInvalid},
+            {"seek", [&] { return SetFilePointer(h, 0, NULL, FILE_BEGIN); }, INVALID_SET_FILE_POINTER, kInvalid},
+            {"flush", [&] { return DWORD(FlushFileBuffers(h)); }, FALSE, kInvalid},
+        });
+    }
+    expectCalls({
+        {"find next on a file", [&] { return DWORD(FindNextFileW(r, &fd)); }, FALSE, kInvalid},
+        {"find close on a file", [&] { return DWORD(FindClose(r)); }, FALSE, kInvalid},
+        {"flush a file", [&] { return DWORD(FlushFileBuffers(w)); }, TRUE, 0},
+        {"find close", [&] { return DWORD(FindClose(find)); }, TRUE, 0},
+        {"find close twice", [&] { return DWORD(FindClose(find)); }, FALSE, kInvalid},
+        {"close", [&] { return DWORD(CloseHandle(r)); }, TRUE, 0},
+        {"close twice", [&] { return DWORD(CloseHandle(r)); }, FALSE, kInvalid},
+    });
+    for (HANDLE h : {w, q}) CloseHandle(h);
 
     // Truncating needs write access. A host file without write permission is a read-only file.
     expectCalls({opening("\\f", GENERIC_READ, TRUNCATE_EXISTING, false, ERROR_INVALID_PARAMETER)});
@@ -210,37 +191,24 @@ TEST(SimFiles, AccessRightsAreEnforcedOnReadAndWrite) {
 TEST(SimFiles, FilePointerMovesAndRefusesNegativePositions) {
     TestDevice t;
     HANDLE h = openFile("\\f", RW, CREATE_ALWAYS);
-    ASSERT_NE(h, INVALID_HANDLE_VALUE);
     ASSERT_TRUE(writeText(h, "hello world"));
-    // result: INVALID_SET_FILE_POINTER for a refusal
-    struct Case { LONG distance; DWORD method, result, error; };
-    const Case cases[] = {
-        {0, FILE_CURRENT, 11, 0},
-        {6, FILE_BEGIN, 6, 0},
-        {-2, FILE_CURRENT, 4, 0},
-        {-5, FILE_CURRENT, INVALID_SET_FILE_POINTER, 131},   // would be -1: the position stays 4
-        {0, FILE_CURRENT, 4, 0},
-        {-11, FILE_END, 0, 0},
-        {-12, FILE_END, INVALID_SET_FILE_POINTER, 131},
-        {-1, FILE_BEGIN, INVALID_SET_FILE_POINTER, 131},
-        {3, 7, INVALID_SET_FILE_POINTER, ERROR_INVALID_PARAMETER},
-        {2, FILE_END, 13, 0},
+    auto seek = [h](LONG distance, DWORD method, DWORD result, DWORD error) {
+        return Call{std::to_string(distance) + " from " + std::to_string(method),
+                    [=] { return SetFilePointer(h, distance, NULL, method); }, result, error};
     };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(std::to_string(c.distance) + " from " + std::to_string(c.method));
-        SetLastError(kNoLastError);
-        EXPECT_EQ(SetFilePointer(h, c.distance, NULL, c.method), c.result);
-        EXPECT_EQ(GetLastError(), c.error);
-    }
+    const DWORD kBad = INVALID_SET_FILE_POINTER;   // a success clears the last error
+    expectCalls({seek(0, FILE_CURRENT, 11, 0), seek(6, FILE_BEGIN, 6, 0), seek(-2, FILE_CURRENT, 4, 0),
+                 seek(-5, FILE_CURRENT, kBad, 131), seek(0, FILE_CURRENT, 4, 0),   // would be -1: it stays at 4
+                 seek(-11, FILE_END, 0, 0), seek(-12, FILE_END, kBad, 131), seek(-1, FILE_BEGIN, kBad, 131),
+                 seek(3, 7, kBad, ERROR_INVALID_PARAMETER), seek(2, FILE_END, 13, 0)},
+                kNoLastError);
     // Writing past the end fills the gap with zeros; reading at the end succeeds with no bytes.
     ASSERT_TRUE(writeText(h, "!"));
     EXPECT_EQ(GetFileSize(h, NULL), 14u);
     EXPECT_EQ(t.get("\\f"), std::string("hello world\0\0!", 14));
     char c;
     DWORD n = 7;
-    EXPECT_TRUE(ReadFile(h, &c, 1, &n, NULL));
-    EXPECT_EQ(n, 0u);
-
+    EXPECT_TRUE(ReadFile(h, &c, 1, &n, NULL) && n == 0);
     LONG high = 1;   // with the high word the distance is 64 bits, the position comes back in two halves
     EXPECT_EQ(SetFilePointer(h, 5, &high, FILE_BEGIN), 5u);
     high = -1;
@@ -249,252 +217,136 @@ TEST(SimFiles, FilePointerMovesAndRefusesNegativePositions) {
     CloseHandle(h);
 }
 
-TEST(SimFiles, CallsOnAHandleThatIsNotAFileFailWithInvalidHandle) {
+TEST(SimFiles, FindMatchesWildcardsWithoutRegardToCaseAndCarriesSizeAttributesAndTimes) {
     TestDevice t;
-    t.put("\\f", "x");
-    char buf[4];
-    DWORD n = 0, high = 0;
-    WIN32_FIND_DATAW fd;
-    HANDLE find = FindFirstFileW(W("\\*").c_str(), &fd);
-    HANDLE file = openFile("\\f", RW, OPEN_EXISTING);
-    ASSERT_TRUE(find != INVALID_HANDLE_VALUE && file != INVALID_HANDLE_VALUE);
-    for (HANDLE h : {HANDLE(NULL), INVALID_HANDLE_VALUE, find}) {
-        expectCalls({
-            {"read", [&] { return DWORD(ReadFile(h, buf, 1, &n, NULL)); }, FALSE, ERROR_INVALID_HANDLE},
-            {"write", [&] { return DWORD(WriteFile(h, buf, 1, &n, NULL)); }, FALSE, ERROR_INVALID_HANDLE},
-            {"size", [&] { return GetFileSize(h, &high); }, INVALID_FILE_SIZE, ERROR_INVALID_HANDLE},
-            {"seek", [&] { return SetFilePointer(h, 0, NULL, FILE_BEGIN); }, INVALID_SET_FILE_POINTER,
-             ERROR_INVALID_HANDLE},
-            {"flush", [&] { return DWORD(FlushFileBuffers(h)); }, FALSE, ERROR_INVALID_HANDLE},
-        });
-    }
-    expectCalls({
-        {"find next on a file", [&] { return DWORD(FindNextFileW(file, &fd)); }, FALSE, ERROR_INVALID_HANDLE},
-        {"find close on a file", [&] { return DWORD(FindClose(file)); }, FALSE, ERROR_INVALID_HANDLE},
-        {"flush a file", [&] { return DWORD(FlushFileBuffers(file)); }, TRUE, 0},
-        {"find close", [&] { return DWORD(FindClose(find)); }, TRUE, 0},
-        {"find close twice", [&] { return DWORD(FindClose(find)); }, FALSE, ERROR_INVALID_HANDLE},
-        {"close", [&] { return DWORD(CloseHandle(file)); }, TRUE, 0},
-        {"close twice", [&] { return DWORD(CloseHandle(file)); }, FALSE, ERROR_INVALID_HANDLE},
-    });
-}
-
-TEST(SimFiles, FindMatchesWildcardsWithoutRegardToCase) {
-    TestDevice t;
-    const std::vector<std::string> all = {"alpha.TXT", "Beta.txt", "gamma.bin", "noext", "Sub"};
-    for (const std::string &name : all) t.put("\\D\\" + name + (name == "Sub" ? "\\x" : ""), "");
-    // error: the last error when nothing matches
-    struct Case { const char *pattern; std::vector<std::string> names; DWORD error; };
-    const Case cases[] = {
-        {"\\d\\*", all, 0},
-        {"\\D\\*.*", all, 0},
-        {"\\D\\*.txt", {"alpha.TXT", "Beta.txt"}, 0},
-        {"/D/?ETA.*", {"Beta.txt"}, 0},
-        {"\\D\\*a*", {"alpha.TXT", "Beta.txt", "gamma.bin"}, 0},
-        {"\\D\\sub", {"Sub"}, 0},
-        {"\\D\\*.doc", {}, ERROR_NO_MORE_FILES},
-        {"\\D\\missing.txt", {}, ERROR_FILE_NOT_FOUND},
-        {"\\Nope\\*", {}, ERROR_PATH_NOT_FOUND},
-        {"\\D\\noext\\*", {}, ERROR_PATH_NOT_FOUND},
+    const std::vector<std::string> all = {"alpha.TXT", "Beta.txt", "five", "gamma.bin", "noext", "Sub"};
+    for (const std::string &n : all) t.put("\\D\\" + n + (n == "Sub" ? "\\x" : ""), n == "five" ? "12345" : "");
+    struct Row { const char *pattern; std::vector<std::string> names; DWORD error; };   // error: when none match
+    const Row rows[] = {
+        {"\\d\\*", all, 0}, {"\\D\\*.*", all, 0}, {"\\D\\*.txt", {"alpha.TXT", "Beta.txt"}, 0},
+        {"/D/?ETA.*", {"Beta.txt"}, 0}, {"\\D\\*a*", {"alpha.TXT", "Beta.txt", "gamma.bin"}, 0},
+        {"\\D\\sub", {"Sub"}, 0}, {"\\D\\FIVE", {"five"}, 0},
+        {"\\D\\*.doc", {}, ERROR_NO_MORE_FILES},   {"\\D\\missing.txt", {}, ERROR_FILE_NOT_FOUND},
+        {"\\Nope\\*", {}, ERROR_PATH_NOT_FOUND},   {"\\D\\noext\\*", {}, ERROR_PATH_NOT_FOUND},
         {"\\", {}, ERROR_FILE_NOT_FOUND},
     };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.pattern);
-        DWORD error = 0;
-        EXPECT_EQ(findAll(c.pattern, &error), c.names);
-        EXPECT_EQ(error, c.error);
+    WIN32_FIND_DATAW fd;
+    for (const Row &r : rows) {
+        SCOPED_TRACE(r.pattern);
+        std::vector<std::string> names;
+        HANDLE h = FindFirstFileW(W(r.pattern).c_str(), &fd);
+        EXPECT_EQ(h == INVALID_HANDLE_VALUE ? GetLastError() : 0, r.error);
+        if (h != INVALID_HANDLE_VALUE) {
+            do names.push_back(U(fd.cFileName));
+            while (FindNextFileW(h, &fd));
+            EXPECT_EQ(GetLastError(), DWORD(ERROR_NO_MORE_FILES));
+            EXPECT_TRUE(FindClose(h));
+        }
+        EXPECT_EQ(names, r.names);
     }
+
+    const struct timespec times[2] = {{1204727410, 0}, {1204727410, 0}};   // 2008-03-05 14:30:10 UTC
+    ASSERT_EQ(utimensat(AT_FDCWD, t.host("\\D\\five").c_str(), times, 0), 0);
+    const uint64_t kMarch2008 = 128492010100000000ull;
+    HANDLE h = FindFirstFileW(u"\\D\\five", &fd);
+    ASSERT_NE(h, INVALID_HANDLE_VALUE);
+    EXPECT_EQ((std::vector<uint64_t>{fd.nFileSizeLow, fd.nFileSizeHigh, fd.dwFileAttributes}),
+              (std::vector<uint64_t>{5, 0, FILE_ATTRIBUTE_ARCHIVE}));
+    EXPECT_EQ(ticks100ns(fd.ftLastWriteTime), kMarch2008);
+    // Creation: the host's birth time (when the test made the file) where recorded, else the last write.
+    EXPECT_GE(ticks100ns(fd.ftCreationTime), kMarch2008);
+    EXPECT_TRUE(FindClose(h));
+    h = FindFirstFileW(u"\\D\\Sub", &fd);
+    EXPECT_TRUE(fd.dwFileAttributes == FILE_ATTRIBUTE_DIRECTORY && fd.nFileSizeLow == 0);
+    EXPECT_TRUE(FindClose(h));
     EXPECT_EQ(t.dev().objects().count(), 0u);
 }
 
-TEST(SimFiles, FindDataCarriesSizeAttributesAndTimes) {
-    TestDevice t;
-    t.put("\\D\\five", "12345");
-    t.put("\\D\\Sub\\x", "");
-    const time_t when = 1204727410;   // 2008-03-05 14:30:10 UTC
-    struct timespec times[2] = {{when, 0}, {when, 0}};
-    ASSERT_EQ(utimensat(AT_FDCWD, t.host("\\D\\five").c_str(), times, 0), 0);
-    const uint64_t kMarch2008 = 128492010100000000ull;
-    const uint64_t now = (uint64_t(std::time(nullptr)) + 11644473600ull) * 10000000ull;
-
-    WIN32_FIND_DATAW fd;
-    HANDLE h = FindFirstFileW(W("\\D\\FIVE").c_str(), &fd);
-    ASSERT_NE(h, INVALID_HANDLE_VALUE);
-    EXPECT_EQ(U(fd.cFileName), "five");
-    EXPECT_EQ(fd.nFileSizeLow, 5u);
-    EXPECT_EQ(fd.nFileSizeHigh, 0u);
-    EXPECT_EQ(fd.dwFileAttributes, DWORD(FILE_ATTRIBUTE_ARCHIVE));
-    EXPECT_EQ(ticks100ns(fd.ftLastWriteTime), kMarch2008);
-    // Creation: the host's birth time (just now) where recorded, else the last write time.
-    uint64_t created = ticks100ns(fd.ftCreationTime);
-    EXPECT_TRUE(created == kMarch2008 || (created + 600000000ull > now && created < now + 600000000ull))
-        << created;
-    EXPECT_TRUE(FindClose(h));
-
-    h = FindFirstFileW(W("\\d\\s*").c_str(), &fd);
-    ASSERT_NE(h, INVALID_HANDLE_VALUE);
-    EXPECT_EQ(fd.dwFileAttributes, DWORD(FILE_ATTRIBUTE_DIRECTORY));
-    EXPECT_EQ(fd.nFileSizeLow, 0u);
-    EXPECT_FALSE(FindNextFileW(h, &fd));
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_NO_MORE_FILES));
-    FindClose(h);
-}
-
-TEST(SimFiles, DeleteAttributesAndFoldersGiveTheCeErrors) {
-    TestDevice t;
-    t.put("\\D\\f", "x");
-    t.put("\\D\\a", "1");
-    t.put("\\D\\open", "2");
-    HANDLE h = openFile("\\D\\open", GENERIC_READ, OPEN_EXISTING);
-    ASSERT_NE(h, INVALID_HANDLE_VALUE);
-    expectCalls({
-        del("\\d\\A", true, 0),
-        del("\\D\\a", false, ERROR_FILE_NOT_FOUND),
-        del("\\Nope\\a", false, ERROR_PATH_NOT_FOUND),
-        del("\\D", false, ERROR_ACCESS_DENIED),
-        del("\\D\\OPEN", false, ERROR_SHARING_VIOLATION),
-        attrs("\\", FILE_ATTRIBUTE_DIRECTORY, 0),
-        attrs("\\d", FILE_ATTRIBUTE_DIRECTORY, 0),
-        attrs("\\D\\F", FILE_ATTRIBUTE_ARCHIVE, 0),
-        attrs("\\D\\g", INVALID_FILE_ATTRIBUTES, ERROR_FILE_NOT_FOUND),
-        attrs("\\E\\g", INVALID_FILE_ATTRIBUTES, ERROR_PATH_NOT_FOUND),
-        attrs("\\D\\f\\g", INVALID_FILE_ATTRIBUTES, ERROR_PATH_NOT_FOUND),
-        mkDir("\\D\\New", true, 0),
-        mkDir("\\d\\NEW", false, ERROR_ALREADY_EXISTS),
-        mkDir("\\D\\f", false, ERROR_ALREADY_EXISTS),
-        mkDir("\\X\\Y", false, ERROR_PATH_NOT_FOUND),
-        mkDir("\\D\\New\\Inner", true, 0),
-        rmDir("\\D\\New", false, ERROR_DIR_NOT_EMPTY),
-        rmDir("\\D\\new\\inner", true, 0),
-        rmDir("\\D\\New", true, 0),
-        rmDir("\\D\\New", false, ERROR_FILE_NOT_FOUND),
-        rmDir("\\D\\f", false, 267),   // ERROR_DIRECTORY
-        rmDir("\\", false, ERROR_ACCESS_DENIED),
-    });
-    EXPECT_FALSE(t.exists("\\D\\a") || t.exists("\\D\\New"));
-    EXPECT_TRUE(sim::fs::is_directory(t.host("\\D")));
-    CloseHandle(h);
-    EXPECT_TRUE(DeleteFileW(u"\\D\\open"));   // once no handle holds it
-    EXPECT_FALSE(t.exists("\\D\\open"));
-}
-
-TEST(SimFiles, ReadOnlyVolumeRefusesEveryChange) {
-    TestDevice t(
-        "[storage.'\\My Flash Disk']\nread_only = true\n"
-        "[storage.'\\Storage Card']\ntotal = 1000\nfree = 400\n");
-    t.put("\\My Flash Disk\\f", "x");
-    EXPECT_TRUE(sim::fs::is_directory(t.host("\\Storage Card")));   // volume folders are made at start
-    expectCalls({
-        opening("\\my flash disk\\new", RW, CREATE_NEW, false, ERROR_ACCESS_DENIED),
-        opening("\\My Flash Disk\\f", GENERIC_WRITE, OPEN_EXISTING, false, ERROR_ACCESS_DENIED),
-        opening("\\My Flash Disk\\f", RW, CREATE_ALWAYS, false, ERROR_ACCESS_DENIED),
-        opening("\\My Flash Disk\\g", GENERIC_READ, OPEN_ALWAYS, false, ERROR_ACCESS_DENIED),
-        del("\\My Flash Disk\\f", false, ERROR_ACCESS_DENIED),
-        mkDir("\\My Flash Disk\\Sub", false, ERROR_ACCESS_DENIED),
-        // The other volume and a sibling name outside the volume are writable.
-        opening("\\Storage Card\\new", RW, CREATE_NEW, true, 0),
-        opening("\\My Flash Disk Two", RW, CREATE_NEW, true, 0),
-    });
-    EXPECT_EQ(t.get("\\My Flash Disk\\f"), "x");
-    EXPECT_FALSE(t.exists("\\My Flash Disk\\g"));
-    HANDLE r = openFile("\\My Flash Disk\\F", GENERIC_READ, OPEN_EXISTING);
-    ASSERT_NE(r, INVALID_HANDLE_VALUE);
-    EXPECT_EQ(readAll(r), "x");
-    CloseHandle(r);
-}
-
-TEST(SimFiles, FullVolumeRefusesWritesAndReportsNoFreeSpace) {
-    TestDevice t("[storage.'\\My Flash Disk']\ntotal = 268435456\nfree = 1048576\nfull = true\n");
-    HANDLE h = openFile("\\My Flash Disk\\f", RW, CREATE_ALWAYS);   // an empty file still fits
-    ASSERT_NE(h, INVALID_HANDLE_VALUE);
-    DWORD n = 5;
-    EXPECT_FALSE(WriteFile(h, "abc", 3, &n, NULL));
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_DISK_FULL));
-    EXPECT_EQ(n, 0u);
-    EXPECT_TRUE(WriteFile(h, "abc", 0, &n, NULL));
-    CloseHandle(h);
-    EXPECT_EQ(t.get("\\My Flash Disk\\f"), "");
-}
-
-TEST(SimFiles, FreeSpaceComesFromTheProfileElseFromTheHost) {
-    TestDevice t("[storage.'\\My Flash Disk']\ntotal = 536870912\nfree = 12345\n"
+TEST(SimFiles, VolumesGiveTheProfileSpaceAndRefuseChangesWhenReadOnlyOrFull) {
+    TestDevice t("[storage.'\\My Flash Disk']\ntotal = 536870912\nfree = 12345\n[storage.'\\Rom']\nread_only = true\n"
                  "[storage.'\\Full']\ntotal = 268435456\nfree = 1048576\nfull = true\n");
     t.put("\\My Flash Disk\\Dir\\f", "x");
-    struct Case { const char *path; uint64_t total, free; };
-    const Case cases[] = {
-        {"\\My Flash Disk", 536870912, 12345},
-        {"\\my flash disk\\Dir", 536870912, 12345},
+    t.put("\\Rom\\f", "x");
+    struct Row { const char *path; uint64_t total, free; };
+    const Row rows[] = {
+        {"\\My Flash Disk", 536870912, 12345}, {"\\my flash disk\\Dir", 536870912, 12345},
         {"\\My Flash Disk\\Dir\\f", 536870912, 12345},
-        {"\\Full", 268435456, 0},   // a full volume has no free space whatever the profile says
+        {"\\Full", 268435456, 0},   // a full volume has no free space whatever the profile says; made at start
     };
     ULARGE_INTEGER caller, total, free;
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.path);
-        ASSERT_TRUE(GetDiskFreeSpaceExW(W(c.path).c_str(), &caller, &total, &free));
-        EXPECT_EQ(total.QuadPart, c.total);
-        EXPECT_EQ(free.QuadPart, c.free);
-        EXPECT_EQ(caller.QuadPart, c.free);
+    for (const Row &r : rows) {
+        SCOPED_TRACE(r.path);
+        ASSERT_TRUE(GetDiskFreeSpaceExW(W(r.path).c_str(), &caller, &total, &free));
+        EXPECT_EQ(std::vector<uint64_t>({total.QuadPart, free.QuadPart, caller.QuadPart}),
+                  std::vector<uint64_t>({r.total, r.free, r.free}));
     }
     ASSERT_TRUE(GetDiskFreeSpaceExW(u"\\", &caller, &total, NULL));   // outside: the host's figures
-    EXPECT_GT(total.QuadPart, 0ull);
-    EXPECT_NE(total.QuadPart, 536870912ull);
-    EXPECT_LE(caller.QuadPart, total.QuadPart);
-    EXPECT_FALSE(GetDiskFreeSpaceExW(u"\\Nowhere", &caller, &total, &free));
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_PATH_NOT_FOUND));
+    EXPECT_TRUE(total.QuadPart > 0 && total.QuadPart != 536870912ull && caller.QuadPart <= total.QuadPart);
+    EXPECT_EQ(errorOf(GetDiskFreeSpaceExW(u"\\Nowhere", &caller, &total, &free)), DWORD(ERROR_PATH_NOT_FOUND));
+
+    expectCalls({
+        opening("\\rom\\new", RW, CREATE_NEW, false, ERROR_ACCESS_DENIED),
+        opening("\\Rom\\f", GENERIC_WRITE, OPEN_EXISTING, false, ERROR_ACCESS_DENIED),
+        opening("\\Rom\\f", RW, CREATE_ALWAYS, false, ERROR_ACCESS_DENIED),
+        opening("\\Rom\\g", GENERIC_READ, OPEN_ALWAYS, false, ERROR_ACCESS_DENIED),
+        del("\\Rom\\f", false, ERROR_ACCESS_DENIED), mkDir("\\Rom\\Sub", false, ERROR_ACCESS_DENIED),
+        opening("\\Rom\\F", GENERIC_READ, OPEN_EXISTING, true, 0),
+        // The other volumes and a sibling name outside the volume are writable.
+        opening("\\My Flash Disk\\new", RW, CREATE_NEW, true, 0), opening("\\Rom Two", RW, CREATE_NEW, true, 0),
+    });
+    EXPECT_EQ(t.get("\\Rom\\f"), "x");
+    EXPECT_FALSE(t.exists("\\Rom\\g"));
+
+    HANDLE h = openFile("\\Full\\f", RW, CREATE_ALWAYS);   // an empty file still fits
+    ASSERT_NE(h, INVALID_HANDLE_VALUE);
+    DWORD n = 5;
+    EXPECT_EQ(errorOf(WriteFile(h, "abc", 3, &n, NULL)), DWORD(ERROR_DISK_FULL));
+    EXPECT_EQ(n, 0u);
+    EXPECT_TRUE(WriteFile(h, "abc", 0, &n, NULL) && CloseHandle(h));
+    EXPECT_EQ(t.get("\\Full\\f"), "");
 }
 
-TEST(SimFiles, BadStorageProfileValuesAreIgnored) {
-    TestDevice t("[storage.'\\My Flash Disk']\ntotal = -5\nfree = 'lots'\nread_only = 1\n[storage]\nplain = 3\n");
+TEST(SimFiles, BadStorageValuesAreIgnoredAndFailuresAreInjectedByCallName) {
+    TestDevice t("[storage.'\\My Flash Disk']\ntotal = -5\nfree = 'lots'\nread_only = 1\n[storage]\nplain = 3\n"
+                 "[fail]\nCreateFileW = 32\nGetDiskFreeSpaceExW = 21\n");
     const sim::FileSystem::Volume *v = t.dev().files().volumeOf(u"\\My Flash Disk\\x");
     ASSERT_NE(v, nullptr);
-    EXPECT_EQ(v->total, 0ull);
-    EXPECT_EQ(v->free, 0ull);
-    EXPECT_FALSE(v->readOnly);
-    EXPECT_TRUE(opens("\\My Flash Disk\\f", RW, CREATE_ALWAYS));
-}
-
-TEST(SimFiles, ProfileFailuresAreInjectedByCallName) {
-    TestDevice t("[fail]\nCreateFileW = 32\nGetDiskFreeSpaceExW = 21\n");
-    t.put("\\f", "x");
+    EXPECT_TRUE(v->total == 0 && v->free == 0 && !v->readOnly);
     ULARGE_INTEGER total;
     expectCalls({
-        opening("\\f", GENERIC_READ, OPEN_EXISTING, false, 32),
+        opening("\\My Flash Disk\\f", RW, CREATE_ALWAYS, false, 32),
         {"free space", [&] { return DWORD(GetDiskFreeSpaceExW(u"\\", NULL, &total, NULL)); }, FALSE, 21},
     });
     t.dev().setFailure("CreateFileW", std::nullopt);
-    EXPECT_TRUE(opens("\\f", GENERIC_READ, OPEN_EXISTING));
+    EXPECT_TRUE(opens("\\My Flash Disk\\f", RW, CREATE_ALWAYS));
 }
 
 TEST(SimFiles, FileTimesConvertToAndFromSystemTimes) {
-    // SYSTEMTIME: year, month, day of week, day, hour, minute, second, ms
-    struct Case { uint64_t ticks; SYSTEMTIME st; };
-    auto fields = [](const SYSTEMTIME &s) {
-        return std::vector<int>{s.wYear, s.wMonth, s.wDayOfWeek, s.wDay, s.wHour, s.wMinute, s.wSecond, s.wMilliseconds};
+    auto fields = [](const SYSTEMTIME &s) {   // year, month, day of week, day, hour, minute, second, ms
+        return std::vector<int>{s.wYear, s.wMonth, s.wDayOfWeek, s.wDay, s.wHour, s.wMinute, s.wSecond,
+                                s.wMilliseconds};
     };
-    const Case cases[] = {
-        {0ull, {1601, 1, 1, 1, 0, 0, 0, 0}},
-        {116444736000000000ull, {1970, 1, 4, 1, 0, 0, 0, 0}},
+    struct Row { uint64_t ticks; SYSTEMTIME st; };
+    const Row rows[] = {
+        {0ull, {1601, 1, 1, 1, 0, 0, 0, 0}}, {116444736000000000ull, {1970, 1, 4, 1, 0, 0, 0, 0}},
         {128492010105000000ull, {2008, 3, 3, 5, 14, 30, 10, 500}},
         {125963423999990000ull, {2000, 2, 2, 29, 23, 59, 59, 999}},
         {157520160000000000ull, {2100, 3, 1, 1, 0, 0, 0, 0}},
     };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.ticks);
-        SYSTEMTIME st;
-        std::memset(&st, 0xFF, sizeof st);
-        FILETIME ft = {DWORD(c.ticks), DWORD(c.ticks >> 32)};
-        ASSERT_TRUE(FileTimeToSystemTime(&ft, &st));
-        EXPECT_EQ(fields(st), fields(c.st));
-        SYSTEMTIME other = c.st;
-        other.wDayOfWeek = 6;   // ignored
-        ASSERT_TRUE(SystemTimeToFileTime(&other, &ft));
-        EXPECT_EQ(ticks100ns(ft), c.ticks);
-    }
-    FILETIME tooBig = {0, 0x80000000u};
     SYSTEMTIME st;
-    EXPECT_FALSE(FileTimeToSystemTime(&tooBig, &st));
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_PARAMETER));
-
+    FILETIME ft;
+    for (const Row &r : rows) {
+        SCOPED_TRACE(r.ticks);
+        std::memset(&st, 0xFF, sizeof st);
+        ft = {DWORD(r.ticks), DWORD(r.ticks >> 32)};
+        ASSERT_TRUE(FileTimeToSystemTime(&ft, &st));
+        EXPECT_EQ(fields(st), fields(r.st));
+        st.wDayOfWeek = 6;   // ignored
+        ASSERT_TRUE(SystemTimeToFileTime(&st, &ft));
+        EXPECT_EQ(ticks100ns(ft), r.ticks);
+    }
+    ft = {0, 0x80000000u};
+    EXPECT_EQ(errorOf(FileTimeToSystemTime(&ft, &st)), DWORD(ERROR_INVALID_PARAMETER));
     const SYSTEMTIME invalid[] = {   // 1900 is not a leap year; 1600 is before the epoch
         {1900, 2, 0, 29, 0, 0, 0, 0}, {2001, 4, 0, 31, 0, 0, 0, 0}, {2008, 13, 0, 1, 0, 0, 0, 0},
         {2008, 0, 0, 1, 0, 0, 0, 0},  {2008, 1, 0, 0, 0, 0, 0, 0},  {2008, 1, 0, 1, 24, 0, 0, 0},
@@ -502,9 +354,8 @@ TEST(SimFiles, FileTimesConvertToAndFromSystemTimes) {
         {1600, 12, 0, 31, 0, 0, 0, 0},
     };
     for (const SYSTEMTIME &s : invalid) {
-        FILETIME ft;
+        SCOPED_TRACE(testing::PrintToString(fields(s)));
         SetLastError(0);
-        EXPECT_FALSE(SystemTimeToFileTime(&s, &ft)) << testing::PrintToString(fields(s));
-        EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_PARAMETER));
+        EXPECT_EQ(errorOf(SystemTimeToFileTime(&s, &ft)), DWORD(ERROR_INVALID_PARAMETER));
     }
 }

@@ -6,12 +6,41 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <fstream>
+#include <functional>
 
 using testing_support::TestDevice;
 using testing_support::U;
 using testing_support::W;
+
+namespace {
+
+// Runs `fn` on a second device thread and waits for it to end; its exit code.
+DWORD onAnotherThread(std::function<DWORD()> fn) {
+    HANDLE t = CreateThread(nullptr, 0, [](LPVOID p) -> DWORD { return (*static_cast<std::function<DWORD()> *>(p))(); },
+                            &fn, 0, nullptr);
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(t, INFINITE));
+    DWORD code = 0;
+    EXPECT_TRUE(GetExitCodeThread(t, &code));
+    EXPECT_TRUE(CloseHandle(t));
+    return code;
+}
+
+// Whether another process on the same device folder finds the named mutex with `error` left.
+bool secondProcessCreatesMutex(TestDevice &d, const char *name, DWORD error) {
+    pid_t pid = fork();
+    if (pid == 0) {
+        sim::Device other(d.folder(), d.folder() / "run" / "child.jsonl");
+        other.install();
+        HANDLE h = CreateMutexW(nullptr, TRUE, W(name).c_str());
+        _exit(h && GetLastError() == error ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+}  // namespace
 
 // Deterministic device time: it stands while a device thread runs and jumps to the earliest
 // deadline or event once every device thread waits, so each wait ends at an exact device time.
@@ -26,11 +55,7 @@ TEST(SimClock, WaitsEndAtExactDeviceTimes) {
     EXPECT_EQ(GetTickCount() - t0, 3500u);
 
     // another device thread sets the event after 300 ms: the wait ends then, not at its time-out
-    HANDLE t = CreateThread(nullptr, 0, [](LPVOID) -> DWORD {
-        Sleep(300);
-        SetEvent(event);
-        return 0;
-    }, nullptr, 0, nullptr);
+    HANDLE t = CreateThread(nullptr, 0, [](LPVOID) -> DWORD { Sleep(300); return SetEvent(event); }, nullptr, 0, nullptr);
     EXPECT_EQ(WaitForSingleObject(event, 1000), WAIT_OBJECT_0);
     EXPECT_EQ(GetTickCount() - t0, 3800u);
     EXPECT_EQ(WaitForSingleObject(t, INFINITE), WAIT_OBJECT_0);
@@ -43,37 +68,21 @@ TEST(SimClock, WaitsEndAtExactDeviceTimes) {
     EXPECT_EQ(GetTickCount() - t0, 4800u);
 }
 
-TEST(SimObjects, LastErrorIsPerThread) {
+TEST(SimObjects, LastErrorAndMutexOwnershipArePerThread) {
     TestDevice d;
     SetLastError(183);
-    std::atomic<DWORD> seen{999};
-    HANDLE t = CreateThread(nullptr, 0, [](LPVOID p) -> DWORD {
-        static_cast<std::atomic<DWORD> *>(p)->store(GetLastError());
-        SetLastError(5);
-        return 7;
-    }, &seen, 0, nullptr);
-    ASSERT_NE(nullptr, t);
-    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(t, INFINITE));
-    EXPECT_EQ(0u, seen.load());
-    EXPECT_EQ(183u, GetLastError());
-    DWORD code = 0;
-    EXPECT_TRUE(GetExitCodeThread(t, &code));
-    EXPECT_EQ(7u, code);
-    EXPECT_TRUE(CloseHandle(t));
+    DWORD seen = 999;
+    EXPECT_EQ(7u, onAnotherThread([&seen] { seen = GetLastError(); SetLastError(5); return DWORD(7); }));   // its exit code
+    EXPECT_EQ(std::make_pair(seen, GetLastError()), std::make_pair(0u, 183u));
+
+    HANDLE m = CreateMutexW(nullptr, TRUE, nullptr);
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(m, 0));   // the owner may take it again
+    EXPECT_EQ(WAIT_TIMEOUT, onAnotherThread([m] { return WaitForSingleObject(m, 0); }));
+    EXPECT_TRUE(ReleaseMutex(m) && ReleaseMutex(m));
+    EXPECT_FALSE(ReleaseMutex(m));   // not owned any more
 }
 
-TEST(SimObjects, CloseHandleOfUnknownHandleFails) {
-    TestDevice d;
-    SetLastError(0);
-    EXPECT_FALSE(CloseHandle(reinterpret_cast<HANDLE>(0x7777)));
-    EXPECT_EQ(DWORD(ERROR_INVALID_HANDLE), GetLastError());
-    HANDLE e = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-    EXPECT_TRUE(CloseHandle(e));
-    EXPECT_FALSE(CloseHandle(e));   // closed twice
-    EXPECT_EQ(WAIT_FAILED, WaitForSingleObject(e, 0));
-}
-
-TEST(SimObjects, EventsAutoAndManualReset) {
+TEST(SimObjects, EventsAutoAndManualResetAndHandlesCloseOnce) {
     TestDevice d;
     HANDLE autoEvent = CreateEventW(nullptr, FALSE, TRUE, nullptr);
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(autoEvent, 0));
@@ -85,24 +94,13 @@ TEST(SimObjects, EventsAutoAndManualReset) {
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(manual, 0));     // stays set
     ResetEvent(manual);
     EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(manual, 0));
-}
 
-TEST(SimObjects, MutexOwnershipAndRecursion) {
-    TestDevice d;
-    HANDLE m = CreateMutexW(nullptr, TRUE, nullptr);
-    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(m, 0));   // owner may take it again
-    std::atomic<DWORD> other{0};
-    std::pair<HANDLE, std::atomic<DWORD> *> args(m, &other);
-    HANDLE t = CreateThread(nullptr, 0, [](LPVOID p) -> DWORD {
-        auto *a = static_cast<std::pair<HANDLE, std::atomic<DWORD> *> *>(p);
-        a->second->store(WaitForSingleObject(a->first, 0));
-        return 0;
-    }, &args, 0, nullptr);
-    WaitForSingleObject(t, INFINITE);
-    EXPECT_EQ(WAIT_TIMEOUT, other.load());
-    EXPECT_TRUE(ReleaseMutex(m));
-    EXPECT_TRUE(ReleaseMutex(m));
-    EXPECT_FALSE(ReleaseMutex(m));   // not owned any more
+    SetLastError(0);
+    EXPECT_FALSE(CloseHandle(reinterpret_cast<HANDLE>(0x7777)));
+    EXPECT_EQ(DWORD(ERROR_INVALID_HANDLE), GetLastError());
+    EXPECT_TRUE(CloseHandle(manual));
+    EXPECT_FALSE(CloseHandle(manual));   // closed twice
+    EXPECT_EQ(WAIT_FAILED, WaitForSingleObject(manual, 0));
 }
 
 TEST(SimObjects, NamedMutexSeenByASecondProcess) {
@@ -110,35 +108,12 @@ TEST(SimObjects, NamedMutexSeenByASecondProcess) {
     HANDLE first = CreateMutexW(nullptr, TRUE, W("TarskUpgrade").c_str());
     ASSERT_NE(nullptr, first);
     EXPECT_EQ(0u, GetLastError());
-    // same process, same name: already exists
     HANDLE again = CreateMutexW(nullptr, FALSE, W("TarskUpgrade").c_str());
-    EXPECT_EQ(DWORD(ERROR_ALREADY_EXISTS), GetLastError());
+    EXPECT_EQ(DWORD(ERROR_ALREADY_EXISTS), GetLastError());   // same process, same name
     CloseHandle(again);
-
-    // another process on the same device folder sees the name too
-    pid_t pid = fork();
-    if (pid == 0) {
-        sim::Device other(d.folder(), d.folder() / "run" / "child.jsonl");
-        other.install();
-        HANDLE h = CreateMutexW(nullptr, TRUE, W("tarskupgrade").c_str());
-        _exit(h && GetLastError() == ERROR_ALREADY_EXISTS ? 0 : 1);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(0, WEXITSTATUS(status));
-
-    // once closed, the name is free again
+    EXPECT_TRUE(secondProcessCreatesMutex(d, "tarskupgrade", ERROR_ALREADY_EXISTS));
     CloseHandle(first);
-    pid = fork();
-    if (pid == 0) {
-        sim::Device other(d.folder(), d.folder() / "run" / "child.jsonl");
-        other.install();
-        HANDLE h = CreateMutexW(nullptr, TRUE, W("TarskUpgrade").c_str());
-        _exit(h && GetLastError() == 0 ? 0 : 1);
-    }
-    waitpid(pid, &status, 0);
-    EXPECT_EQ(0, WEXITSTATUS(status));
+    EXPECT_TRUE(secondProcessCreatesMutex(d, "TarskUpgrade", 0));   // once closed, the name is free again
 }
 
 TEST(SimObjects, InterlockedCompareExchangeReturnsTheInitialValue) {
@@ -157,23 +132,19 @@ TEST(SimObjects, InterlockedCompareExchangeReturnsTheInitialValue) {
 TEST(SimObjects, CriticalSectionIsRecursiveAndExcludes) {
     TestDevice d;
     static CRITICAL_SECTION cs;
-    static int counter = 0;
+    static int counter;
+    counter = 0;
     InitializeCriticalSection(&cs);
     EnterCriticalSection(&cs);
-    EnterCriticalSection(&cs);
+    EnterCriticalSection(&cs);   // the owner may enter again
     LeaveCriticalSection(&cs);
     LeaveCriticalSection(&cs);
+    LPTHREAD_START_ROUTINE count = [](LPVOID) -> DWORD {
+        for (int i = 0; i < 10000; ++i) { EnterCriticalSection(&cs); counter = counter + 1; LeaveCriticalSection(&cs); }
+        return 0;
+    };
     HANDLE threads[4];
-    for (HANDLE &t : threads)
-        t = CreateThread(nullptr, 0, [](LPVOID) -> DWORD {
-            for (int i = 0; i < 10000; ++i) {
-                EnterCriticalSection(&cs);
-                int v = counter;
-                counter = v + 1;
-                LeaveCriticalSection(&cs);
-            }
-            return 0;
-        }, nullptr, 0, nullptr);
+    for (HANDLE &t : threads) t = CreateThread(nullptr, 0, count, nullptr, 0, nullptr);
     for (HANDLE t : threads) WaitForSingleObject(t, INFINITE);
     EXPECT_EQ(40000, counter);
     DeleteCriticalSection(&cs);
@@ -181,51 +152,28 @@ TEST(SimObjects, CriticalSectionIsRecursiveAndExcludes) {
 
 TEST(SimProcess, ModuleFileNameFromTheProfile) {
     TestDevice d("[device]\nprogram = '\\Storage Card\\tarsk.exe'\n");
-    WCHAR buf[MAX_PATH];
+    WCHAR buf[MAX_PATH], small[8];
     EXPECT_EQ(23u, GetModuleFileNameW(nullptr, buf, MAX_PATH));
     EXPECT_EQ("\\Storage Card\\tarsk.exe", U(buf));
-    WCHAR small[8];
     EXPECT_EQ(7u, GetModuleFileNameW(nullptr, small, 8));   // cut and terminated
     EXPECT_EQ("\\Storag", U(small));
 }
 
-TEST(SimProcess, TerminateEndsWithTheCodeAndJournalsIt) {
-    TestDevice d("", true);
-    sim::fs::path journal = d.folder() / "run" / "journal.jsonl";
-    EXPECT_EXIT(TerminateProcess(GetCurrentProcess(), 3), testing::ExitedWithCode(3), "");
-    std::ifstream in(journal);
-    std::string line, last;
-    std::vector<std::string> lines;
-    while (std::getline(in, line)) lines.push_back(line);
-    ASSERT_GE(lines.size(), 2u);
-    auto exitEvent = nlohmann::json::parse(lines[lines.size() - 2]);
-    auto endEvent = nlohmann::json::parse(lines.back());
-    EXPECT_EQ("exit", exitEvent["event"]);
-    EXPECT_EQ(3, exitEvent["code"]);
-    EXPECT_EQ("end", endEvent["event"]);
-    EXPECT_EQ("exit", endEvent["reason"]);
-    sim::fs::remove_all(d.folder());
-}
-
-TEST(SimJournal, EventsCarryNameAndTick) {
+TEST(SimProcess, TerminateEndsWithTheCodeAfterTheJournaledEvents) {
     TestDevice d;
     d.dev().journal().write("progress", {{"text", "a"}});
     d.dev().journal().write("other");
     auto all = d.dev().journal().events();
     ASSERT_EQ(2u, all.size());
-    EXPECT_EQ("progress", all[0]["event"]);
-    EXPECT_TRUE(all[0]["t"].is_number_unsigned());
-    ASSERT_EQ(1u, d.events("progress").size());
+    EXPECT_TRUE(all[0]["event"] == "progress" && all[0]["t"].is_number_unsigned()) << all[0];
+    EXPECT_EXIT(TerminateProcess(GetCurrentProcess(), 3), testing::ExitedWithCode(3), "");
     std::ifstream in(d.folder() / "run" / "journal.jsonl");
-    std::string first;
-    std::getline(in, first);
-    EXPECT_EQ(all[0], nlohmann::json::parse(first));
+    std::vector<nlohmann::json> lines;
+    for (std::string line; std::getline(in, line);) lines.push_back(nlohmann::json::parse(line));
+    ASSERT_EQ(4u, lines.size());
+    EXPECT_TRUE(lines[0] == all[0] && lines[1] == all[1]);
+    EXPECT_TRUE(lines[2]["event"] == "exit" && lines[2]["code"] == 3) << lines[2];
+    EXPECT_TRUE(lines[3]["event"] == "end" && lines[3]["reason"] == "exit") << lines[3];
 }
 
-TEST(SimDevice, MalformedProfileIsAClearError) {
-    sim::fs::path folder = sim::fs::temp_directory_path() / ("tarsk-bad-" + std::to_string(getpid()));
-    sim::fs::create_directories(folder);
-    std::ofstream(folder / "device.toml") << "[device\nprogram = ";
-    EXPECT_THROW(sim::Device dev(folder), std::runtime_error);
-    sim::fs::remove_all(folder);
-}
+TEST(SimDevice, MalformedProfileIsAClearError) { EXPECT_THROW(TestDevice td("[device\nprogram = "), std::runtime_error); }

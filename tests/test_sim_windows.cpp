@@ -4,8 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <stdexcept>
-#include <string>
-#include <vector>
+#include <tuple>
 
 #include "test_device.h"
 #include "windows.h"
@@ -13,6 +12,9 @@
 using testing_support::TestDevice;
 using testing_support::U;
 using testing_support::W;
+
+// The call fails and leaves `e` as the thread's last error.
+#define EXPECT_FAILS(call, e) do { SetLastError(0); EXPECT_FALSE(call); EXPECT_EQ(GetLastError(), DWORD(e)); } while (0)
 
 namespace {
 
@@ -30,14 +32,20 @@ LRESULT CALLBACK testProc(HWND h, UINT m, WPARAM w, LPARAM l) {
 }
 
 ATOM registerTestClass() {
-    WNDCLASSW wc = {};
-    wc.lpfnWndProc = testProc;
-    wc.lpszClassName = TEXT("TEST_CLS");
+    WNDCLASSW wc = {0, testProc, 0, 0, NULL, NULL, NULL, NULL, NULL, TEXT("TEST_CLS")};
     return RegisterClassW(&wc);
 }
 
 HWND create(LPCWSTR cls, LPCWSTR title, DWORD style, HWND parent = NULL, int id = 0) {
     return CreateWindowExW(0, cls, title, style, 0, 0, 480, 242, parent, (HMENU)(UINT_PTR)id, NULL, NULL);
+}
+
+// The program's main window, of the test class, with nothing seen yet.
+HWND createMain() {
+    registerTestClass();
+    HWND main = create(TEXT("TEST_CLS"), TEXT("MAIN"), WS_VISIBLE);
+    g_seen.clear();
+    return main;
 }
 
 std::vector<UINT> messagesSeen() {
@@ -53,50 +61,31 @@ void append(HWND edit, const std::string &text) {
     SendMessageW(edit, EM_REPLACESEL, FALSE, (LPARAM)W(text).c_str());
 }
 
-struct SendArgs { HWND hwnd; LRESULT result; DWORD tickAfter; };
-DWORD WINAPI sender(LPVOID p) {
-    SendArgs *a = static_cast<SendArgs *>(p);
-    a->result = SendMessageW(a->hwnd, WM_USER + 1, 7, 0);
-    a->tickAfter = GetTickCount();
-    PostMessageW(a->hwnd, WM_USER + 2, 0, 0);
-    return 0;
-}
-
 }  // namespace
 
 TEST(SimWindows, CreateSendsWmCreateBeforeReturningAndHonoursItsRefusal) {
     TestDevice td;
     ASSERT_NE(registerTestClass(), 0);
-    SetLastError(0);
-    EXPECT_EQ(registerTestClass(), 0);
-    EXPECT_EQ(GetLastError(), 1410u);
-
+    EXPECT_FAILS(registerTestClass(), 1410);
+    g_seen.clear();
     HWND main = create(TEXT("test_cls"), TEXT("MAIN"), WS_VISIBLE);   // class names ignore case
     ASSERT_NE(main, nullptr);
     ASSERT_EQ(messagesSeen(), std::vector<UINT>{WM_CREATE});
-    EXPECT_EQ(g_seen[0].hwnd, main);
-    EXPECT_TRUE(g_seen[0].existed);
+    EXPECT_TRUE(g_seen[0].hwnd == main && g_seen[0].existed);
 
     g_seen.clear();
     g_createResult = -1;
     EXPECT_EQ(create(TEXT("TEST_CLS"), TEXT("REFUSED"), 0), nullptr);
+    g_createResult = 0;
     EXPECT_EQ(messagesSeen(), (std::vector<UINT>{WM_CREATE, WM_DESTROY}));
     EXPECT_FALSE(IsWindow(g_seen[0].hwnd));
-    g_createResult = 0;
 
     struct Case { LPCWSTR cls; DWORD style; HWND parent; DWORD error; };
-    const Case cases[] = {
-        {TEXT("NO_SUCH_CLASS"), 0, NULL, 1407},
-        {TEXT("EDIT"), WS_CHILD, (HWND)(UINT_PTR)0x1000, 1400},   // a kernel handle is no window
-        {TEXT("EDIT"), WS_CHILD, NULL, 1406},
-        {TEXT("EDIT"), WS_CHILD, main, 8},   // a good call, failed by injection
-    };
-    td.dev().setFailure("CreateWindowExW", 8, 6);   // the sixth call: the last case
-    for (const Case &c : cases) {
-        SetLastError(0);
-        EXPECT_EQ(create(c.cls, TEXT(""), c.style, c.parent), nullptr);
-        EXPECT_EQ(GetLastError(), c.error);
-    }
+    // a kernel handle is no window; the last is a good call, failed by injection (the sixth call)
+    const Case cases[] = {{TEXT("NO_SUCH_CLASS"), 0, NULL, 1407}, {TEXT("EDIT"), WS_CHILD, (HWND)(UINT_PTR)0x1000, 1400},
+                          {TEXT("EDIT"), WS_CHILD, NULL, 1406}, {TEXT("EDIT"), WS_CHILD, main, 8}};
+    td.dev().setFailure("CreateWindowExW", 8, 6);
+    for (const Case &c : cases) EXPECT_FAILS(create(c.cls, TEXT(""), c.style, c.parent), c.error);
     EXPECT_EQ(td.dev().windows().windows().size(), 1u);
 
     auto made = td.events("create_window");
@@ -107,9 +96,7 @@ TEST(SimWindows, CreateSendsWmCreateBeforeReturningAndHonoursItsRefusal) {
 
 TEST(SimWindows, PanelAppendsAtTheEndAndGetWindowTextCopiesAtMostNMinusOne) {
     TestDevice td;
-    registerTestClass();
-    HWND main = create(TEXT("TEST_CLS"), TEXT("MAIN"), WS_VISIBLE);
-    HWND panel = create(TEXT("EDIT"), TEXT(""), 0x50A01804, main);
+    HWND panel = create(TEXT("EDIT"), TEXT(""), 0x50A01804, createMain());
     ASSERT_NE(panel, nullptr);
     testing::internal::CaptureStdout();
     append(panel, "first\r\n");
@@ -153,39 +140,42 @@ TEST(SimWindows, PanelAppendsAtTheEndAndGetWindowTextCopiesAtMostNMinusOne) {
     EXPECT_EQ(td.dev().windows().panelText().substr(29990), W("0123456789"));
     EXPECT_EQ(td.events("panel").back()["cut"], 10);
     ASSERT_EQ(messagesSeen(), std::vector<UINT>{WM_COMMAND});
-    EXPECT_EQ(g_seen[0].wParam, MAKEWPARAM(0, 0x0501));
-    EXPECT_EQ(g_seen[0].lParam, (LPARAM)panel);
+    EXPECT_TRUE(g_seen[0].wParam == MAKEWPARAM(0, 0x0501) && g_seen[0].lParam == (LPARAM)panel);
     SetWindowTextW(panel, W(std::string(30005, 'b')).c_str());
     EXPECT_EQ(GetWindowTextLengthW(panel), 30005);
 }
 
-TEST(SimWindows, SendFromAnotherThreadBlocksUntilTheWindowThreadHandledIt) {
-    TestDevice td;
-    registerTestClass();
-    HWND main = create(TEXT("TEST_CLS"), TEXT("MAIN"), WS_VISIBLE);
-    g_seen.clear();
-    SendArgs args = {main, 0, 0};
-    const DWORD t0 = GetTickCount();
-    HANDLE thread = CreateThread(NULL, 0, sender, &args, 0, NULL);
-    ASSERT_NE(thread, nullptr);
+TEST(SimWindows, SendFromAnotherThreadBlocksUntilHandledAndTheNewestButtonIsClickedAtTheProfileTime) {
+    TestDevice td("[input]\npress_button_at_ms = 1500\n");
+    static struct { HWND main; LRESULT result; DWORD tick; } sent;   // what the sending thread saw
+    sent.main = createMain();
+    ASSERT_NE(create(TEXT("BUTTON"), TEXT("first"), 0x50800700, sent.main), nullptr);
+    HWND button = create(TEXT("BUTTON"), TEXT("ERROR OCCURS! PRESS HERE to REBOOT"), 0x50800700, sent.main);
+    HANDLE thread = CreateThread(NULL, 0, [](LPVOID) -> DWORD {
+        sent.result = SendMessageW(sent.main, WM_USER + 1, 7, 0);
+        sent.tick = GetTickCount();
+        return PostMessageW(sent.main, WM_USER + 2, 0, 0);
+    }, NULL, 0, NULL);
     Sleep(50);   // the window thread does not look at its queue: the sender waits
     EXPECT_TRUE(g_seen.empty());
     MSG msg;
     ASSERT_TRUE(GetMessageW(&msg, NULL, 0, 0));   // handles the sent message while it waits
     EXPECT_EQ(msg.message, UINT(WM_USER + 2));
     ASSERT_EQ(messagesSeen(), std::vector<UINT>{WM_USER + 1});
-    EXPECT_EQ(g_seen[0].wParam, 7u);
-    EXPECT_EQ(g_seen[0].thread, GetCurrentThreadId());
+    EXPECT_TRUE(g_seen[0].wParam == 7 && g_seen[0].thread == GetCurrentThreadId());
     EXPECT_EQ(WaitForSingleObject(thread, INFINITE), WAIT_OBJECT_0);
-    EXPECT_EQ(args.result, 42);
-    EXPECT_EQ(args.tickAfter, t0 + 50);
-    CloseHandle(thread);
+    EXPECT_TRUE(sent.result == 42 && sent.tick == 50) << sent.result << " " << sent.tick;
+
+    g_seen.clear();
+    while (g_seen.empty() && GetMessageW(&msg, NULL, 0, 0)) DispatchMessageW(&msg);
+    ASSERT_EQ(messagesSeen(), std::vector<UINT>{WM_COMMAND});
+    EXPECT_EQ(g_seen[0].tick, 1500u);
+    EXPECT_TRUE(g_seen[0].wParam == MAKEWPARAM(0, BN_CLICKED) && g_seen[0].lParam == (LPARAM)button);
 }
 
 TEST(SimWindows, QuitComesAfterPostedMessagesAndCloseDestroysThroughDefWindowProc) {
     TestDevice td;
-    registerTestClass();
-    HWND main = create(TEXT("TEST_CLS"), TEXT("MAIN"), WS_VISIBLE);
+    HWND main = createMain();
     HWND child = create(TEXT("TEST_CLS"), TEXT("child"), WS_CHILD, main, 5);
     EXPECT_EQ(GetParent(child), main);
     ASSERT_TRUE(PostMessageW(main, WM_USER + 1, 1, 0));
@@ -195,48 +185,26 @@ TEST(SimWindows, QuitComesAfterPostedMessagesAndCloseDestroysThroughDefWindowPro
     ASSERT_TRUE(PostMessageW(main, WM_USER + 4, 0, 0));
     ASSERT_TRUE(DestroyWindow(child));                      // WM_USER + 3 goes with it
     struct Expected { HWND hwnd; UINT msg; };
+    MSG msg;
     for (const Expected &e : {Expected{main, WM_USER + 1}, Expected{NULL, WM_USER + 2}, Expected{main, WM_USER + 4}}) {
-        MSG msg;
         ASSERT_TRUE(GetMessageW(&msg, NULL, 0, 0));
         EXPECT_TRUE(msg.hwnd == e.hwnd && msg.message == e.msg) << msg.message;
     }
-    MSG quit;
-    EXPECT_FALSE(GetMessageW(&quit, NULL, 0, 0));
-    EXPECT_TRUE(quit.message == WM_QUIT && quit.wParam == 7u) << quit.message;
+    EXPECT_FALSE(GetMessageW(&msg, NULL, 0, 0));
+    EXPECT_TRUE(msg.message == WM_QUIT && msg.wParam == 7u) << msg.message;
 
     // WM_CLOSE through DefWindowProcW: WM_DESTROY to the window, then to its child; the window's
     // procedure posts the quit message.
     HWND child2 = create(TEXT("TEST_CLS"), TEXT("child2"), WS_CHILD, main, 6);
     g_seen.clear();
     ASSERT_TRUE(PostMessageW(main, WM_CLOSE, 0, 0));
-    MSG msg;
     while (GetMessageW(&msg, NULL, 0, 0)) DispatchMessageW(&msg);
     EXPECT_EQ(msg.wParam, 0u);
     EXPECT_EQ(messagesSeen(), (std::vector<UINT>{WM_CLOSE, WM_DESTROY, WM_DESTROY}));
-    EXPECT_EQ(g_seen[1].hwnd, main);
-    EXPECT_EQ(g_seen[2].hwnd, child2);
+    EXPECT_TRUE(g_seen[1].hwnd == main && g_seen[2].hwnd == child2);
     EXPECT_FALSE(IsWindow(main) || IsWindow(child2));
-    SetLastError(0);
-    EXPECT_FALSE(PostMessageW(main, WM_USER, 0, 0));
-    EXPECT_EQ(GetLastError(), 1400u);
-    SetLastError(0);
-    EXPECT_EQ(SendMessageW(main, WM_USER + 1, 0, 0), 0);
-    EXPECT_EQ(GetLastError(), 1400u);
-}
-
-TEST(SimWindows, TheNewestButtonIsClickedAtTheProfileTime) {
-    TestDevice td("[input]\npress_button_at_ms = 1500\n");
-    registerTestClass();
-    HWND main = create(TEXT("TEST_CLS"), TEXT("MAIN"), WS_VISIBLE);
-    ASSERT_NE(create(TEXT("BUTTON"), TEXT("first"), 0x50800700, main), nullptr);
-    HWND button = create(TEXT("BUTTON"), TEXT("ERROR OCCURS! PRESS HERE to REBOOT"), 0x50800700, main);
-    g_seen.clear();
-    MSG msg;
-    while (g_seen.empty() && GetMessageW(&msg, NULL, 0, 0)) DispatchMessageW(&msg);
-    ASSERT_EQ(messagesSeen(), std::vector<UINT>{WM_COMMAND});
-    EXPECT_EQ(g_seen[0].tick, 1500u);
-    EXPECT_EQ(g_seen[0].wParam, MAKEWPARAM(0, BN_CLICKED));
-    EXPECT_EQ(g_seen[0].lParam, (LPARAM)button);
+    EXPECT_FAILS(PostMessageW(main, WM_USER, 0, 0), 1400);
+    EXPECT_FAILS(SendMessageW(main, WM_USER + 1, 0, 0), 1400);
 }
 
 TEST(SimWindows, ScreenMetricsComeFromTheProfileAndBadValuesStopTheDevice) {
@@ -244,9 +212,8 @@ TEST(SimWindows, ScreenMetricsComeFromTheProfileAndBadValuesStopTheDevice) {
     for (const Case &c : {Case{"", 480, 272}, Case{"[screen]\nwidth = 800\nheight = 480\n", 800, 480},
                           Case{"[screen]\nwidth = 320\n", 320, 272}}) {
         TestDevice td(c.profile);
-        EXPECT_EQ(GetSystemMetrics(SM_CXSCREEN), c.cx) << c.profile;
-        EXPECT_EQ(GetSystemMetrics(SM_CYSCREEN), c.cy) << c.profile;
-        EXPECT_EQ(GetSystemMetrics(2), 0);
+        EXPECT_EQ(std::make_tuple(GetSystemMetrics(SM_CXSCREEN), GetSystemMetrics(SM_CYSCREEN), GetSystemMetrics(2)),
+                  std::make_tuple(c.cx, c.cy, 0)) << c.profile;
     }
     for (const char *bad : {"[screen]\nwidth = 'wide'\n", "[screen]\nheight = 0\n", "screen = 3\n",
                             "[input]\npress_button_at_ms = -5\n", "[input]\npress_button_at_ms = 1.5\n"})
@@ -261,9 +228,12 @@ TEST(SimWindows, FontsAndStockObjects) {
     for (int i = 0; i < LF_FACESIZE; ++i) lf.lfFaceName[i] = u'T';   // a full field, unterminated
     HFONT font = CreateFontIndirectW(&lf);
     ASSERT_NE(font, nullptr);
-    ASSERT_EQ(td.events("font").size(), 1u);
-    EXPECT_EQ(td.events("font")[0], (nlohmann::json{{"event", "font"}, {"t", 0}, {"face", std::string(LF_FACESIZE, 'T')},
-                                                    {"height", -12}, {"weight", 400}}));
+    td.dev().setFailure("CreateFontIndirectW", 8);
+    EXPECT_EQ(CreateFontIndirectW(&lf), nullptr);
+    auto fonts = td.events("font");   // the failed call made none
+    ASSERT_EQ(fonts.size(), 1u);
+    EXPECT_EQ(fonts[0], (nlohmann::json{{"event", "font"}, {"t", 0}, {"face", std::string(LF_FACESIZE, 'T')},
+                                        {"height", -12}, {"weight", 400}}));
 
     HGDIOBJ gray = GetStockObject(GRAY_BRUSH);
     EXPECT_TRUE(gray && gray != GetStockObject(WHITE_BRUSH) && GetStockObject(SYSTEM_FONT));
@@ -272,8 +242,4 @@ TEST(SimWindows, FontsAndStockObjects) {
     EXPECT_FALSE(DeleteObject(font));   // gone already
     EXPECT_TRUE(DeleteObject(gray));
     EXPECT_FALSE(DeleteObject((HGDIOBJ)(UINT_PTR)0x1234));
-
-    td.dev().setFailure("CreateFontIndirectW", 8);
-    EXPECT_EQ(CreateFontIndirectW(&lf), nullptr);
-    EXPECT_EQ(td.events("font").size(), 1u);
 }
