@@ -539,15 +539,9 @@ LRESULT Windows::editProc(HWND hwnd, UINT msg, WPARAM wParam, LPARAM lParam) {
         w->selStart = w->selEnd = 0;
         return TRUE;
     }
-    case WM_SETFONT: {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        w->font = reinterpret_cast<HFONT>(wParam);
-        return 0;
-    }
-    case WM_GETFONT: {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return reinterpret_cast<LRESULT>(w->font);
-    }
+    case WM_SETFONT:
+    case WM_GETFONT:
+        return controlFont(*w, msg, wParam);
     case EM_SETSEL: {
         // -1 as the start removes the selection (the caret stays); a negative end is the end of the
         // text; positions past the end are the end; the caret goes to the greater of the two.
@@ -620,21 +614,25 @@ LRESULT Windows::editProc(HWND hwnd, UINT msg, WPARAM wParam, LPARAM lParam) {
     }
 }
 
+// WM_SETFONT and WM_GETFONT of the built-in controls.
+LRESULT Windows::controlFont(Window &w, UINT msg, WPARAM wParam) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (msg == WM_SETFONT) {
+        w.font = reinterpret_cast<HFONT>(wParam);
+        return 0;
+    }
+    return reinterpret_cast<LRESULT>(w.font);
+}
+
 LRESULT Windows::buttonProc(HWND hwnd, UINT msg, WPARAM wParam, LPARAM lParam) {
     auto w = find(hwnd);
     if (!w) return 0;
     switch (msg) {
     case WM_CREATE:
         return 0;
-    case WM_SETFONT: {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        w->font = reinterpret_cast<HFONT>(wParam);
-        return 0;
-    }
-    case WM_GETFONT: {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return reinterpret_cast<LRESULT>(w->font);
-    }
+    case WM_SETFONT:
+    case WM_GETFONT:
+        return controlFont(*w, msg, wParam);
     case BM_CLICK:   // a press and release: the parent hears BN_CLICKED
         if (w->parent) send(w->parent, WM_COMMAND, MAKEWPARAM(w->id, BN_CLICKED), reinterpret_cast<LPARAM>(hwnd));
         return 0;

@@ -87,6 +87,7 @@ public:
 private:
     struct Class;
     struct Window;
+    LRESULT controlFont(Window &w, UINT msg, WPARAM wParam);   // WM_SETFONT/WM_GETFONT of a control
     struct Sent;
     struct Queue;
 

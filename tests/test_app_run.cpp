@@ -43,7 +43,6 @@ struct Boot {
     }
     std::string end() const { return journal.empty() ? "" : journal.back().value("reason", ""); }
     std::string file(const std::string &hostPath) const { return slurp(device / "fs" / hostPath); }
-    bool has(const std::string &hostPath) const { return fs::exists(device / "fs" / hostPath); }
 };
 
 // Makes a device folder from a profile and files (host paths below fs/) and runs the program on it.
@@ -231,9 +230,9 @@ TEST(AppRun, StartUpFailuresAndCrash) {
         EXPECT_EQ(r.rc, row.end == "exit" ? 0 : 1);
         EXPECT_EQ(r.end(), row.end);
         const std::string text = r.file(log);
-        size_t count = 0;
+        int count = 0;
         for (size_t at = text.find("Exception: "); at != std::string::npos; at = text.find("Exception: ", at + 1)) ++count;
-        EXPECT_EQ(count, size_t(row.exceptions)) << text;
+        EXPECT_EQ(count, row.exceptions) << text;
         EXPECT_NE(text.find(row.logged), std::string::npos) << text;
         EXPECT_EQ(r.file("My Flash Disk/upgrade.winceimg.BAD.log"), row.exceptions ? "" : "old");
         if (row.exceptions) {
