@@ -8,9 +8,6 @@
 #include <pthread.h>
 
 #include <cstdio>
-#include <fstream>
-#include <functional>
-#include <string>
 
 using testing_support::TestDevice;
 
@@ -24,7 +21,7 @@ using testing_support::TestDevice;
 
 namespace {
 
-std::string g_trace;                 // what the filters saw, in the child
+std::string g_trace;                 // what the filters saw (in the child that faults)
 void (*g_faultFn)() = nullptr;       // where ExceptionAddress must point (null: anywhere)
 EXCEPTION_RECORD *g_firstRecord = nullptr;
 
@@ -60,14 +57,18 @@ __attribute__((noinline)) int recurse(int n) {
 }
 void overflow() { recurse(0); }
 
-void guarded(void (*fault)()) {
+template <void (*Fault)(), SalExceptionFilter Inner = innerFilter>
+void guarded() {
     SAL_TRY(outerFilter)
-        SAL_TRY(innerFilter)
-            fault();
-        SAL_EXCEPT(innerFilter)
+        SAL_TRY(Inner)
+            Fault();
+        SAL_EXCEPT(Inner)
     SAL_EXCEPT(outerFilter)
 }
-void *overflowThread(void *) { guarded(overflow); return nullptr; }
+void *overflowThread(void *) {
+    guarded<overflow>();
+    return nullptr;
+}
 void overflowOnSmallStack() {   // on a thread of its own, so the overflow is quick and bounded
     pthread_attr_t attr;
     pthread_attr_init(&attr);
@@ -76,72 +77,57 @@ void overflowOnSmallStack() {   // on a thread of its own, so the overflow is qu
     pthread_create(&t, &attr, overflowThread, nullptr);
     pthread_join(t, nullptr);
 }
-
-// Runs body in a child that must end by a crash; returns the filters' trace, checks the journal.
-std::string crashRun(const std::string &profile, const std::function<void()> &body, void (*faultFn)(), DWORD code) {
-    TestDevice td(profile);
-    std::string traceFile = (td.folder() / "trace.txt").string();
-    td.dev().setEndHandler([traceFile](UINT, const std::string &) {
-        std::ofstream(traceFile) << g_trace;
-        return 7;
-    });
-    g_trace.clear();
-    g_firstRecord = nullptr;
-    g_faultFn = faultFn;
-    EXPECT_EXIT(body(), testing::ExitedWithCode(7), "");
-    std::ifstream journal(td.folder() / "run" / "journal.jsonl");
-    std::string ends;   // the events that end the run, in order
-    for (std::string line; std::getline(journal, line);) {
-        nlohmann::json e = nlohmann::json::parse(line);
-        if (e["event"] == "exception" || e["event"] == "exit") ends += e["event"].get<std::string>() + " " + e["code"].dump() + ";";
-        if (e["event"] == "end") ends += "end " + e["reason"].get<std::string>() + ";";
-    }
-    std::string c = std::to_string(code);
-    EXPECT_EQ(ends, "exception " + c + ";exit " + c + ";end crash;");
-    std::ifstream in(traceFile);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+void guardsLeftThenFault() {
+    static SalGuardFrame outer, inner;   // still readable after leaving: a frame left behind would run
+    sal_enterGuard(&outer, outerFilter);
+    sal_enterGuard(&inner, innerFilter);
+    sal_leaveGuard(&inner);
+    sal_leaveGuard(&outer);
+    injected();
 }
+std::string both(const std::string &seen) { return "inner " + seen + ";outer " + seen + " same;"; }
 
 }  // namespace
 
+// Each row runs in a child that must end by a crash.
 TEST(SimExceptions, FaultRunsFiltersInnermostFirstThenEndsTheProcess) {
-    const char *av = "C0000005 n=2 ";
-    struct Case { const char *name, *profile; void (*fault)(); void (*at)(); bool real; DWORD code; std::string seen; } cases[] = {
-        {"injected", "", injected, injected, false, 3221225477u, av + std::string("0 0 at=fault")},
-        {"crash table", "[crash]\nCreateEventW = 1\n", crashTable, nullptr, false, 3221225477u, av + std::string("0 0 at=-")},
-        {"null write", "", nullWrite, nullWrite, true, 3221225477u, av + std::string("1 0 at=fault")},
-        {"divide by zero", "", divideByZero, divideByZero, true, 3221225620u, "C0000094 n=0 0 0 at=fault"},
-        {"stack overflow", "", nullptr, reinterpret_cast<void (*)()>(recurse), true, 3221225477u, av + std::string("1 p at=fault")},
+    const DWORD av = EXCEPTION_ACCESS_VIOLATION;
+    const std::string avSeen = "C0000005 n=2 ";
+    struct Row {
+        const char *name, *profile;
+        void (*body)();
+        void (*at)();     // where the exception address must point (null: anywhere)
+        bool real;        // a real host fault: the sanitizers catch it before the device does
+        DWORD code;
+        std::string trace;
+    } const rows[] = {
+        {"injected", "", guarded<injected>, injected, false, av, both(avSeen + "0 0 at=fault")},
+        {"crash table", "[crash]\nCreateEventW = 1\n", guarded<crashTable>, nullptr, false, av, both(avSeen + "0 0 at=-")},
+        {"null write", "", guarded<nullWrite>, nullWrite, true, av, both(avSeen + "1 0 at=fault")},
+        {"divide by zero", "", guarded<divideByZero>, divideByZero, true, EXCEPTION_INT_DIVIDE_BY_ZERO,
+         both("C0000094 n=0 0 0 at=fault")},
+        {"stack overflow", "", overflowOnSmallStack, reinterpret_cast<void (*)()>(recurse), true, av,
+         both(avSeen + "1 p at=fault")},
+        {"guards left normally run no filter", "", guardsLeftThenFault, injected, false, av, ""},
+        {"a fault inside a filter ends at once", "", guarded<injected, faultingFilter>, injected, false, av,
+         "bad " + avSeen + "0 0 at=fault;"},
     };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const Row &r : rows) {
+        SCOPED_TRACE(r.name);
 #ifdef HOST_SANITIZED
-        if (c.real) continue;   // the sanitizers catch a real fault before the device does
+        if (r.real) continue;
 #endif
-        std::string trace = crashRun(c.profile, [&] { c.fault ? guarded(c.fault) : overflowOnSmallStack(); }, c.at, c.code);
-        EXPECT_EQ(trace, "inner " + c.seen + ";outer " + c.seen + " same;");
+        TestDevice td(r.profile);
+        // In the child, once the run ends: what the filters saw, then the journal's exception and the end.
+        td.dev().setEndHandler([&td](UINT code, const std::string &reason) {
+            const std::vector<nlohmann::json> raised = td.events("exception");
+            std::fprintf(stderr, "filters saw [%s], %zu exception %s, end %u %s\n", g_trace.c_str(), raised.size(),
+                         raised.empty() ? "" : raised[0]["code"].dump().c_str(), code, reason.c_str());
+            return 7;
+        });
+        g_faultFn = r.at;
+        const std::string code = std::to_string(r.code);
+        EXPECT_EXIT(r.body(), testing::ExitedWithCode(7),
+                    "filters saw \\[" + r.trace + "\\], 1 exception " + code + ", end " + code + " crash\n");
     }
-}
-
-TEST(SimExceptions, GuardLeftNormallyLeavesNoFrame) {
-    std::string trace = crashRun("", [] {
-        static SalGuardFrame outer, inner;   // still readable after leaving: a frame left behind would run
-        sal_enterGuard(&outer, outerFilter);
-        sal_enterGuard(&inner, innerFilter);
-        sal_leaveGuard(&inner);
-        sal_leaveGuard(&outer);
-        injected();
-    }, injected, 3221225477u);
-    EXPECT_EQ(trace, "");
-}
-
-TEST(SimExceptions, FaultInsideFilterEndsAtOnce) {
-    std::string trace = crashRun("", [] {
-        SAL_TRY(outerFilter)
-            SAL_TRY(faultingFilter)
-                injected();
-            SAL_EXCEPT(faultingFilter)
-        SAL_EXCEPT(outerFilter)
-    }, injected, 3221225477u);
-    EXPECT_EQ(trace, "bad C0000005 n=2 0 0 at=fault;");   // the outer filter never ran
 }
