@@ -108,6 +108,24 @@ inline int run(const std::string &cmd, const fs::path &out, const fs::path &err)
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+// The events of a journal file, in order.
+inline std::vector<nlohmann::json> readJournal(const fs::path &file) {
+    std::vector<nlohmann::json> out;
+    std::ifstream in(file);
+    for (std::string line; std::getline(in, line);)
+        if (!line.empty()) out.push_back(nlohmann::json::parse(line));
+    return out;
+}
+
+// The events of a journal with one name (and one control code, when given).
+inline std::vector<nlohmann::json> eventsOf(const std::vector<nlohmann::json> &all, const std::string &name,
+                                            const std::string &code = "") {
+    std::vector<nlohmann::json> out;
+    for (const nlohmann::json &e : all)
+        if (e.value("event", "") == name && (code.empty() || e.value("code", "") == code)) out.push_back(e);
+    return out;
+}
+
 // A fresh folder under the system's temporary folder (empty path when it cannot be made).
 inline fs::path tempFolder(const std::string &prefix) {
     std::string tmpl = (fs::temp_directory_path() / (prefix + "-XXXXXX")).string();

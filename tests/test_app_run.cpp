@@ -35,12 +35,7 @@ struct Boot {
     fs::path device;
     std::vector<json> journal;
     std::string panel, out;
-    std::vector<json> events(const std::string &name) const {
-        std::vector<json> found;
-        for (const json &e : journal)
-            if (e.value("event", "") == name) found.push_back(e);
-        return found;
-    }
+    std::vector<json> events(const std::string &name) const { return eventsOf(journal, name); }
     std::string end() const { return journal.empty() ? "" : journal.back().value("reason", ""); }
     std::string file(const std::string &hostPath) const { return slurp(device / "fs" / hostPath); }
 };
@@ -57,9 +52,7 @@ Boot runProgram(const std::string &toml, const std::map<std::string, std::string
     }
     r.rc = run(kSim + " run " + quote(r.device.string()) + " " + args, r.device / "out", r.device / "err");
     r.out = slurp(r.device / "out");
-    std::ifstream in(r.device / "run" / "journal.jsonl");
-    for (std::string line; std::getline(in, line);)
-        if (!line.empty()) r.journal.push_back(json::parse(line));
+    r.journal = readJournal(r.device / "run" / "journal.jsonl");
     r.panel = slurp(r.device / "run" / "panel.txt");
     return r;
 }
@@ -76,7 +69,6 @@ std::string battery(int percent) {
            "\r\nIt is too low to finish the upgrade, please connect AC to continue\r\n";
 }
 const std::string kNav = "My Flash Disk/nav/go.exe";
-const std::string kUsbExe = "windows/USBScreen.exe";
 
 std::vector<std::string> starts(const Boot &r) {
     std::vector<std::string> out;
@@ -100,7 +92,7 @@ TEST(AppRun, BatteryRuleAndCancelBranch) {
         {"unknown charge on battery", "[power]\nac_line = 0\nbattery_percent = 255\n", "", {}, "exit",
          cancel + kUsb + kStarted, {navDefault + " 2", "\\windows\\USBScreen.exe 2"}},
         {"5 with the charger, the USB screen started", "[power]\nac_line = 1\nbattery_percent = 5\n", "",
-         {{kUsbExe, "x"}}, "exit", cancel + kUsb + "Started USBscreen\r\n" + kStarted,
+         {{"windows/USBScreen.exe", "x"}}, "exit", cancel + kUsb + "Started USBscreen\r\n" + kStarted,
          {navDefault + " 2", "\\windows\\USBScreen.exe ok"}},
         {"charger connected later", "[power]\nac_line = 0\nbattery_percent = 19\n[[power.events]]\nat_ms = 5000\n"
          "type = 'status'\nac_line = 1\n", "", {}, "exit", battery(19) + cancel + kUsb + kStarted,
@@ -134,9 +126,8 @@ TEST(AppRun, BatteryRuleAndCancelBranch) {
 TEST(AppRun, ErrorLogButtonCardWaitAndReboot) {
     Boot r = runProgram(profile(), {{"My Flash Disk/upgrade.error.log", "an older log"}});
     const std::string saved = kAnalyse + kCheck + kCancel;
-    std::string utf16;
-    for (char c : saved.substr(0, saved.size() - 1)) utf16 += std::string{c, '\0'};
-    EXPECT_EQ(r.file("My Flash Disk/upgrade.error.log"), utf16) << "ends with the carriage return";
+    EXPECT_EQ(r.file("My Flash Disk/upgrade.error.log"), testing_support::utf16le(saved.substr(0, saved.size() - 1)))
+        << "ends with the carriage return";
     auto windows = r.events("create_window");
     ASSERT_EQ(windows.size(), 3u);
     json button = windows[2];
@@ -181,9 +172,7 @@ TEST(AppRun, UpgradeHandedOverOrRefused) {
         Boot r = runProgram(profile(row.tables), row.files);
         EXPECT_EQ(r.end(), row.end);
         EXPECT_EQ(r.panel, row.panel);
-        size_t requests = 0;
-        for (const json &e : r.events("ioctl")) requests += e.value("code", "") == "0x80002E78";
-        EXPECT_EQ(requests, row.requests);
+        EXPECT_EQ(eventsOf(r.journal, "ioctl", "0x80002E78").size(), row.requests);
         if (!HasFailure()) fs::remove_all(r.device);
     }
 }
@@ -230,9 +219,7 @@ TEST(AppRun, StartUpFailuresAndCrash) {
         EXPECT_EQ(r.rc, row.end == "exit" ? 0 : 1);
         EXPECT_EQ(r.end(), row.end);
         const std::string text = r.file(log);
-        int count = 0;
-        for (size_t at = text.find("Exception: "); at != std::string::npos; at = text.find("Exception: ", at + 1)) ++count;
-        EXPECT_EQ(count, row.exceptions) << text;
+        EXPECT_EQ(testing_support::occurrences(text, "Exception: "), row.exceptions) << text;
         EXPECT_NE(text.find(row.logged), std::string::npos) << text;
         EXPECT_EQ(r.file("My Flash Disk/upgrade.winceimg.BAD.log"), row.exceptions ? "" : "old");
         if (row.exceptions) {
@@ -256,8 +243,7 @@ TEST(AppRun, SecondInstanceExitsAtOnce) {
         CloseHandle(mutex);
     }
     std::vector<std::string> events;
-    std::ifstream in(device / "run" / "journal.jsonl");
-    for (std::string line; std::getline(in, line);) events.push_back(json::parse(line).value("event", ""));
+    for (const json &e : readJournal(device / "run" / "journal.jsonl")) events.push_back(e.value("event", ""));
     EXPECT_EQ(events, (std::vector<std::string>{"exit", "end"})) << "no window, no file, no kernel query";
     EXPECT_FALSE(fs::exists(device / "run" / "panel.txt") && !slurp(device / "run" / "panel.txt").empty());
     std::vector<fs::path> files;

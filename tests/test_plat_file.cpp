@@ -16,16 +16,6 @@ using testing_support::W;
 
 namespace {
 
-// What the log's ring buffer received since it was made (the ring does not wrap in these tests).
-struct LogWatch {
-    std::string start = U(vl_ringBuffer(NULL, NULL));
-    std::string added() const {
-        std::string now = U(vl_ringBuffer(NULL, NULL));
-        return now.size() >= start.size() ? now.substr(start.size()) : now;
-    }
-    bool has(const std::string &text) const { return added().find(text) != std::string::npos; }
-};
-
 FILETIME fileTimeOf(WORD y, WORD mo, WORD d, WORD h, WORD mi, WORD s) {
     SYSTEMTIME st = {y, mo, 0, d, h, mi, s, 0};
     FILETIME ft = {0, 0};
@@ -62,13 +52,13 @@ TEST_F(PlatFile, ModeTableFirstMatchingRowWins) {
         // A missing file; opening logs nothing and leaves the last error alone, also when it fails.
         sim::fs::remove(t.host("\\f.txt"));
         os_setLastError(777);
-        LogWatch log;
+        testing_support::LogMark log;
         HANDLE h = os_wfopen(u"\\f.txt", W(c.mode).c_str());
         EXPECT_EQ(h != NULL, c.creation != MUST_EXIST);
         EXPECT_EQ(t.exists("\\f.txt"), c.creation != MUST_EXIST);
         EXPECT_EQ(h ? os_fclose(h) : 1, 1);
         EXPECT_EQ(os_getLastError(), 777u);
-        EXPECT_EQ(log.added(), "");
+        EXPECT_EQ(log.since(), "");
 
         // An existing file: where does a write go, and what is left of the old content?
         t.put("\\f.txt", "0123456789");
@@ -85,20 +75,20 @@ TEST_F(PlatFile, ModeTableFirstMatchingRowWins) {
                                                                : "AB23456789");
     }
     os_setLastError(777);
-    LogWatch log;
+    testing_support::LogMark log;
     EXPECT_EQ(os_wfopen(u"\\No Folder\\x", u"w"), (HANDLE)NULL);
     EXPECT_EQ(os_wfopen(NULL, u"w"), (HANDLE)NULL);
     EXPECT_EQ(os_getLastError(), 777u);
-    EXPECT_EQ(log.added(), "");
+    EXPECT_EQ(log.since(), "");
 }
 
 TEST_F(PlatFile, AppendFailingToReachTheEndIsLoggedAndClosed) {
     TestDevice t("[fail]\nSetFilePointer = 87\n");
     t.put("\\log.txt", "x");
-    LogWatch log;
+    testing_support::LogMark log;
     EXPECT_EQ(os_wfopen(u"\\log.txt", u"a+"), (HANDLE)NULL);
     EXPECT_EQ(os_getLastError(), 87u);
-    EXPECT_TRUE(log.has("os_wfopen(\\log.txt, a+): fopen() failed, error 87\r\n")) << log.added();
+    EXPECT_TRUE(log.has("os_wfopen(\\log.txt, a+): fopen() failed, error 87\r\n")) << log.since();
     EXPECT_EQ(t.dev().objects().count(), 0u);   // the handle was closed
 }
 
@@ -112,7 +102,7 @@ TEST_F(PlatFile, ReturnConventionsOfCloseSeekReadAndWrite) {
     // os_fseek: 0 on success; any origin other than 1 and 2 counts from the beginning.
     struct { LONG offset; int origin, result; char next; } const seeks[] = {   // next: the byte read afterwards
         {3, 0, 0, '3'}, {2, 1, 0, '6'}, {-1, 2, 0, '9'}, {5, 9, 0, '5'}, {-1, 0, 131, '6'}};
-    LogWatch log;
+    testing_support::LogMark log;
     for (const auto &s : seeks) {
         SCOPED_TRACE(std::to_string(s.offset) + "," + std::to_string(s.origin));
         EXPECT_EQ(os_fseek(h, s.offset, s.origin), s.result);
@@ -121,23 +111,23 @@ TEST_F(PlatFile, ReturnConventionsOfCloseSeekReadAndWrite) {
         EXPECT_EQ(c, s.next);
     }
     EXPECT_EQ(os_getLastError(), 131u);
-    EXPECT_TRUE(log.has("os_fseek(" + std::string(hex) + ", 0xffffffff, 0) returned -1, error 131\r\n")) << log.added();
+    EXPECT_TRUE(log.has("os_fseek(" + std::string(hex) + ", 0xffffffff, 0) returned -1, error 131\r\n")) << log.since();
     // Writing through a read handle: 0 and the system's error.
     EXPECT_EQ(os_fwrite("x", 1, h), 0u);
     EXPECT_EQ(os_getLastError(), DWORD(ERROR_ACCESS_DENIED));
     EXPECT_TRUE(log.has("os_fwrite(0x") && log.has(", 1, " + std::string(hex) + ") failed, error 5\r\n"))
-        << log.added();
+        << log.since();
     char buf[4];
     EXPECT_EQ(os_fread(buf, 4, NULL), 0u);
     EXPECT_EQ(os_getLastError(), DWORD(ERROR_INVALID_HANDLE));
-    EXPECT_TRUE(log.has("os_fread(0x") && log.has(", 4, 0x0) failed, error 6\r\n")) << log.added();
+    EXPECT_TRUE(log.has("os_fread(0x") && log.has(", 4, 0x0) failed, error 6\r\n")) << log.since();
     // os_fclose: 1 on success, the error code otherwise; an invalid handle is a DEBUG matter.
     EXPECT_EQ(os_fclose(h), 1);
     g_vlLogSettings.level = LOG_DEBUG;
     EXPECT_EQ(os_fclose((HANDLE)0x1234), ERROR_INVALID_HANDLE);
     EXPECT_EQ(os_getLastError(), DWORD(ERROR_INVALID_HANDLE));
     EXPECT_TRUE(log.has("PLATFORM-DEBUG, os_fclose(0x1234) failed, error 6 (the handle is invalid)\r\n"))
-        << log.added();
+        << log.since();
 }
 
 TEST_F(PlatFile, FileSizeByPathIsZeroForAMissingFile) {
@@ -147,19 +137,19 @@ TEST_F(PlatFile, FileSizeByPathIsZeroForAMissingFile) {
     EXPECT_EQ(os_wGetFileSize(u"\\FIVE"), 5u);
     EXPECT_EQ(os_wGetFileSize(u"\\empty"), 0u);
     g_vlLogSettings.level = LOG_DEBUG;
-    LogWatch log;
+    testing_support::LogMark log;
     EXPECT_EQ(os_wGetFileSize(u"\\missing"), 0u);
     EXPECT_EQ(os_getLastError(), DWORD(ERROR_INVALID_HANDLE));
     EXPECT_TRUE(log.has("PLATFORM-DEBUG, os_wGetFileSize(\\missing): "
                         "os_getFileSizeFromHandle(0x0) failed, error 6\r\n"))
-        << log.added();
+        << log.since();
     // Any other error is an ERROR line without module.
     t.dev().setFailure("GetFileSize", 29);
     EXPECT_EQ(os_wGetFileSize(u"\\five"), 0u);
     EXPECT_EQ(os_getLastError(), 29u);
     EXPECT_TRUE(log.has(", ERROR, os_wGetFileSize(\\five): os_getFileSizeFromHandle(0x") &&
                 log.has(") failed, error 29\r\n"))
-        << log.added();
+        << log.since();
     EXPECT_EQ(t.dev().objects().count(), 0u);
 }
 
@@ -208,14 +198,14 @@ TEST_F(PlatFile, FindKeepsOneSearchAndWarnsWhenTheLastOneWasNotClosed) {
     EXPECT_EQ(os_getLastError(), DWORD(ERROR_NO_MORE_FILES));
     EXPECT_EQ(os_wfindfirstfilter(u"\\Nope\\*", &r), -1);
     EXPECT_EQ(os_getLastError(), DWORD(ERROR_PATH_NOT_FOUND));
-    LogWatch log;
+    testing_support::LogMark log;
     ASSERT_EQ(os_wfindfirstfilter(u"\\D\\*.bin", &r), 0);
     EXPECT_EQ(U(r.name), "c.bin");
     ASSERT_EQ(os_wfindfirstfilter(u"\\d\\*.TXT", &r), 0);
     const std::string warn = "ERROR File not closed from previous use";   // once, for the second search only
     EXPECT_TRUE(log.has("os_wfindfirstfilter(\\d\\*.TXT): " + warn + "\r\n") &&
-                log.added().find(warn) == log.added().rfind(warn))
-        << log.added();
+                log.since().find(warn) == log.since().rfind(warn))
+        << log.since();
     EXPECT_EQ(U(r.name), "a.txt");
     EXPECT_EQ(r.size, 5u);
     // The search in progress is the second one; the first is dropped, not closed.
@@ -228,13 +218,13 @@ TEST_F(PlatFile, FindKeepsOneSearchAndWarnsWhenTheLastOneWasNotClosed) {
     EXPECT_TRUE(os_wfindclose());
     EXPECT_EQ(t.dev().objects().count(), 1u);
     // With the search closed, a new one starts quietly; a closed search cannot be closed again.
-    LogWatch quiet;
+    testing_support::LogMark quiet;
     ASSERT_EQ(os_wfindfirstfilter((u"\\D\\a.txt" + std::u16string(300, u'*')).c_str(), &r), 0);   // cut to 259
     EXPECT_TRUE(os_wfindclose());
     EXPECT_FALSE(os_wfindclose());
     EXPECT_EQ(os_getLastError(), DWORD(ERROR_INVALID_HANDLE));
     EXPECT_EQ(os_wfindnext(&r), -1);
-    EXPECT_EQ(quiet.added(), "");
+    EXPECT_EQ(quiet.since(), "");
 }
 
 TEST_F(PlatFile, BoundedFormattersCutAtTheCount) {
@@ -285,15 +275,15 @@ TEST_F(PlatFile, COSFileOpensReadsAndRemoves) {
     EXPECT_EQ(t.get("\\Dir\\new"), "xyz");
     EXPECT_EQ(t.dev().objects().count(), 0u);
 
-    LogWatch quiet;
+    testing_support::LogMark quiet;
     EXPECT_EQ(COSFile::Remove(NULL), 0);
-    EXPECT_EQ(quiet.added(), "");
+    EXPECT_EQ(quiet.since(), "");
     EXPECT_EQ(COSFile::Remove(u"\\Dir\\new"), 1);
     EXPECT_FALSE(t.exists("\\Dir\\new"));
-    LogWatch log;
+    testing_support::LogMark log;
     EXPECT_EQ(COSFile::Remove(u"\\Dir\\new"), 0);
     EXPECT_EQ(os_getLastError(), DWORD(ERROR_FILE_NOT_FOUND));
-    EXPECT_TRUE(log.has("COSFile::Remove(\\Dir\\new): DeleteFile() failed, error 2")) << log.added();
+    EXPECT_TRUE(log.has("COSFile::Remove(\\Dir\\new): DeleteFile() failed, error 2")) << log.since();
     EXPECT_EQ(os_wremove(u"\\Dir\\data.bin"), 1);
     EXPECT_EQ(os_wremove(u"\\Dir\\data.bin"), 0);
     EXPECT_EQ(os_getLastError(), DWORD(ERROR_FILE_NOT_FOUND));
@@ -361,8 +351,8 @@ TEST_F(PlatFile, BufferedInputAlwaysReadsInKilobyteBlocks) {
 
 TEST_F(PlatFile, BufferSetUpFailsWhenMemoryIsRefused) {
     TestDevice t("[fail]\nLocalAlloc = 8\n");
-    LogWatch log;
+    testing_support::LogMark log;
     COSBufferInputFile in;
     EXPECT_EQ(in.SetBufferSize(5), 0);
-    EXPECT_TRUE(log.has(", ERROR, COSBufferInputFile::SetBufferSize(1024): os_malloc() failed\r\n")) << log.added();
+    EXPECT_TRUE(log.has(", ERROR, COSBufferInputFile::SetBufferSize(1024): os_malloc() failed\r\n")) << log.since();
 }

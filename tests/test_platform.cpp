@@ -12,6 +12,7 @@
 using testing_support::TestDevice;
 using testing_support::U;
 using testing_support::W;
+using testing_support::utf16le;
 
 namespace {
 
@@ -32,15 +33,6 @@ void applyIni(TestDevice &d, const std::string &text) {
     ASSERT_TRUE(ini.open(W("\\debug.ini").c_str()));
     ASSERT_EQ(1, ReadDebugIniFileDbgSettings(&ini, "Log"));
     ini.close();
-}
-
-std::string utf16le(const std::string &ascii) {
-    std::string out;
-    for (char c : ascii) {
-        out.push_back(c);
-        out.push_back('\0');
-    }
-    return out;
 }
 
 }  // namespace

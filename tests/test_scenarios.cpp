@@ -17,21 +17,6 @@ using nlohmann::json;
 const std::string kPack = TARSK_BINARY_DIR "/tarsk-pack";
 const std::string kSim = TARSK_BINARY_DIR "/tarsk-sim";
 
-std::vector<json> journal(const fs::path &file) {
-    std::vector<json> out;
-    std::ifstream in(file);
-    for (std::string line; std::getline(in, line);)
-        if (!line.empty()) out.push_back(json::parse(line));
-    return out;
-}
-
-std::vector<json> eventsOf(const std::vector<json> &all, const std::string &name, const std::string &code = "") {
-    std::vector<json> out;
-    for (const json &e : all)
-        if (e.value("event", "") == name && (code.empty() || e.value("code", "") == code)) out.push_back(e);
-    return out;
-}
-
 // The image request record as the journal shows its bytes: UpgradeType, UpgradeVia, UpgradeFormat
 // (little-endian words) and three reserved zero words.
 std::string request(unsigned type, unsigned via, unsigned format) {
@@ -150,7 +135,7 @@ TEST_P(ScenarioTest, RunsAsTheDeviceWould) {
               s.exitCode) << slurp(m_work / "sim.err");
     EXPECT_NE(slurp(m_work / "sim.out").find(s.summary), std::string::npos) << slurp(m_work / "sim.out");
 
-    std::vector<json> all = journal(device / "run" / "journal.jsonl");
+    std::vector<json> all = readJournal(device / "run" / "journal.jsonl");
     ASSERT_FALSE(all.empty());
     EXPECT_EQ(all.back().value("event", ""), "end");
     EXPECT_EQ(all.back().value("reason", ""), "exit");
@@ -204,7 +189,7 @@ TEST(ScenarioBadDevice, BadFoldersGiveOneErrorLine) {
         EXPECT_EQ(err.rfind("tarsk-sim: error: ", 0), 0u) << err;
         EXPECT_NE(err.find(c.mentions), std::string::npos) << err;
         EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
-        EXPECT_TRUE(journal(dev / "run" / "journal.jsonl").empty());
+        EXPECT_TRUE(readJournal(dev / "run" / "journal.jsonl").empty());
     }
     std::error_code ec;
     fs::remove_all(work, ec);

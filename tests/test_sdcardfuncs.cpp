@@ -12,15 +12,6 @@ using testing_support::U;
 
 namespace {
 
-// How often part occurs in what the log's ring buffer received since mark (a position it gave).
-int countSince(int mark, const std::string &part) {
-    int now = 0;
-    const WCHAR *ring = vl_ringBuffer(&now, nullptr);
-    const std::string log = U(ring + mark) + (now < mark ? U(ring) : "");
-    int n = 0;
-    for (size_t at = log.find(part); at != std::string::npos; at = log.find(part, at + 1)) ++n;
-    return n;
-}
 
 // A volume-mount event of the profile.
 std::string mount(int atMs, bool attached, const std::string &name) {
@@ -36,17 +27,16 @@ TEST(SdcardWait, TriesTenTimesHundredMillisecondsApart) {
         TestDevice t;
         if (present) t.put("\\Storage Card\\paths.xml", "x");
         g_vlLogSettings.level = LOG_DEBUG;
-        int mark = 0;
-        vl_ringBuffer(&mark, nullptr);
+        testing_support::LogMark mark;
         DWORD before = GetTickCount();
         EXPECT_EQ(present ? 1 : 0, sdcard_wait(u"\\Storage Card\\paths.xml"));
         EXPECT_EQ(present ? 0u : 1000u, GetTickCount() - before);
-        EXPECT_EQ(present ? 0 : 10, countSince(mark, "SD card not found"));
-        EXPECT_EQ(1, countSince(mark, present ? "DEBUG, sdcard_wait(): 0 - SD card found\r\n"
+        EXPECT_EQ(present ? 0 : 10, mark.count("SD card not found"));
+        EXPECT_EQ(1, mark.count(present ? "DEBUG, sdcard_wait(): 0 - SD card found\r\n"
                                               : "DEBUG, sdcard_wait(): 9 - SD card not found\r\n"));
         // A found search is closed: the next one starts without the "not closed" warning.
         EXPECT_EQ(present ? 1 : 0, sdcard_wait(u"\\Storage Card\\paths.xml"));
-        EXPECT_EQ(0, countSince(mark, "File not closed from previous use"));
+        EXPECT_EQ(0, mark.count("File not closed from previous use"));
     }
 }
 
@@ -85,8 +75,7 @@ TEST(SDCardThread, PostsInsertionAndRemovalOfTheCardOnly) {
         HWND window = CreateWindowExW(0, u"CardTest", u"", 0, 0, 0, 10, 10, NULL, NULL, NULL, NULL);
         ASSERT_NE(nullptr, window);
 
-        int mark = 0;
-        vl_ringBuffer(&mark, nullptr);
+        testing_support::LogMark mark;
         SDCardThread thread(window, kCardMessage);
         ASSERT_TRUE(thread.start());
         Sleep(3000);
@@ -105,7 +94,7 @@ TEST(SDCardThread, PostsInsertionAndRemovalOfTheCardOnly) {
             if (msg.message == kCardMessage) posts.push_back(msg.hwnd == window && msg.lParam == 0 ? msg.wParam : 99);
         }
         EXPECT_EQ(r.posts, posts);
-        EXPECT_EQ(int(r.posts.size()), countSince(mark, "SDCardThread::execute(): Card "));
+        EXPECT_EQ(int(r.posts.size()), mark.count("SDCardThread::execute(): Card "));
         DestroyWindow(window);
     }
     g_bSalStopAllThreads = 0;

@@ -14,29 +14,10 @@
 
 using testing_support::U;
 using testing_support::W;
+using testing_support::LogMark;
 
 namespace {
 
-// What the log received after the mark was made.
-struct LogMark {
-    int pos = 0;
-    LogMark() { vl_ringBuffer(&pos, nullptr); }
-    std::string since() const {
-        int now = 0;
-        const WCHAR *ring = vl_ringBuffer(&now, nullptr);
-        return U(ring + pos) + (now < pos ? U(ring) : "");
-    }
-    int count(const std::string &part) const {
-        const std::string log = since();
-        int n = 0;
-        for (size_t at = log.find(part); at != std::string::npos; at = log.find(part, at + 1)) ++n;
-        return n;
-    }
-    testing::AssertionResult has(const std::string &part) const {
-        if (count(part) > 0) return testing::AssertionSuccess();
-        return testing::AssertionFailure() << '"' << part << "\" is not in the log: " << since();
-    }
-};
 
 // UTF-16 bytes of a UTF-16 string, little- or big-endian, with a byte order mark first.
 std::string utf16(const std::u16string &s, bool bigEndian) {

@@ -66,6 +66,26 @@ std::string logText() {
 
 bool logged(const std::string &text) { return logText().find(text) != std::string::npos; }
 
+int occurrences(const std::string &text, const std::string &part) {
+    int n = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
+    return n;
+}
+
+LogMark::LogMark() { vl_ringBuffer(&pos, nullptr); }
+
+std::string LogMark::since() const {
+    int now = 0;
+    const WCHAR *ring = vl_ringBuffer(&now, nullptr);
+    return U(ring + pos) + (now < pos ? U(ring) : "");
+}
+
+std::string utf16le(const std::string &ascii) {
+    std::string out;
+    for (char c : ascii) out += std::string{c, '\0'};
+    return out;
+}
+
 std::u16string W(const std::string &s) { return sim::fromUtf8(s); }
 std::string U(const WCHAR *s) { return sim::utf8(s); }
 

@@ -35,7 +35,20 @@ private:
 // All the diagnostic log holds, oldest first (its ring buffer of the last 2047 characters).
 std::string logText();
 bool logged(const std::string &text);
+// How often part occurs in text.
+int occurrences(const std::string &text, const std::string &part);
 
+// What the log received after the mark was made.
+struct LogMark {
+    int pos = 0;
+    LogMark();
+    std::string since() const;
+    int count(const std::string &part) const { return occurrences(since(), part); }
+    bool has(const std::string &part) const { return count(part) > 0; }
+};
+
+// The UTF-16LE bytes of an ASCII text.
+std::string utf16le(const std::string &ascii);
 // A wide string literal of the device's WCHAR type from UTF-8.
 std::u16string W(const std::string &s);
 // The UTF-8 text of a WCHAR buffer.
