@@ -99,7 +99,11 @@ TEST(TarskEngine, PackageFailurePaths) {
         EXPECT_EQ(td.exists(kBin), c.packageKept) << c.what;
         EXPECT_EQ(td.exists(kXml), c.xmlLeft) << c.what;
         EXPECT_EQ(e->m_bUpgradeRegion, 0u) << c.what;
-        if (*c.logLine) EXPECT_NE(logText().find(c.logLine), std::string::npos) << c.what << "\n" << logText();
-        if (c.result == 0) EXPECT_TRUE(progressLines().empty()) << c.what << ": a failed read says nothing";
+        if (*c.logLine) {
+            EXPECT_NE(logText().find(c.logLine), std::string::npos) << c.what << "\n" << logText();
+        }
+        if (c.result == 0) {
+            EXPECT_TRUE(progressLines().empty()) << c.what << ": a failed read says nothing";
+        }
     }
 }
