@@ -54,6 +54,9 @@ TEST(XmlDeviceFile, VersionAndNumberRules) {
         {std::string(129, '1'), 0}, {std::string(200, '1'), 0}, {std::string(256, '1'), 0}, {"7" + std::string(256, '1'), 7},
         // with "0x" or "-" the digits start later, but the counter still starts from the length
         {"0x" + std::string(127, '1'), 0}, {"-" + std::string(128, '1'), 0},
+        // past 256 the counter wraps again: 1025 characters convert the first, 1026 the first two,
+        // 1200 start it at -81
+        {"3" + std::string(1024, '9'), 3}, {"42" + std::string(1024, '9'), 42}, {std::string(1200, '1'), 0},
     };
     for (const auto &c : numbers)
         EXPECT_EQ(xmldevice_convertNumber(W(c.text).c_str()), c.value) << '"' << c.text << '"';
@@ -63,9 +66,10 @@ TEST(XmlDeviceFile, KernelVersionAndHardwareTexts) {
     TestDevice td;
     DeviceDescriptor d = {};   // kept from file to file: the shorter texts must be terminated
     d.version[1] = d.version[2] = d.force = d.format = kPattern;
-    struct { const char *version; std::string type, hwVersion; DWORD major; } cases[] = {
+    struct { std::string version, type, hwVersion; DWORD major; } cases[] = {
         {"2.10.0005", std::string(300, 'T'), std::string(260, 'v'), 2},   // cut at 259 characters
         {"no digits", "QX7", "HW2", 0},
+        {std::string(1500, 'V') + "7", std::string(1024, 'T'), std::string(5000, 'v'), 7},   // read whole
     };
     for (const auto &c : cases) {
         td.put(kPath, imageXml("kernel", el("version", c.version) +
@@ -82,6 +86,8 @@ TEST(XmlDeviceFile, FlagsComeFromTheNumberRule) {
     TestDevice td;
     struct { std::string text; DWORD flag; } cases[] = {
         {"1", 1}, {"0", 0}, {"-1", 0}, {"0x10", 1}, {"true", 1}, {"false", 1}, {"", 0}, {std::string(129, '1'), 0},
+        {"1" + std::string(1024, '0'), 1}, {std::string(1200, '1'), 0}, {"1" + std::string(32512, '0'), 1},
+        {"1" + std::string(32768, '0'), kPattern},   // over 32768 characters: unreadable, left as it was
     };
     for (const auto &c : cases) {
         td.put(kPath, imageXml("bootloader", el("force", c.text) + el("format", c.text)));
@@ -124,6 +130,15 @@ TEST(XmlDeviceFile, RegionReader) {
     // hidden, visible, force; the present flag is not the reader's business
     EXPECT_EQ(std::vector<DWORD>({r.formatHidden, r.formatVisible, r.force, r.serialNumberPresent}),
               std::vector<DWORD>({1, 1, 0, 0}));
+
+    // Texts of 1024 characters and more are read whole, then cut or converted.
+    r.formatHidden = 0;
+    td.put(kPath, head + el("region", el("upgrade", el("serialnum", std::string(1024, 'S')) +
+                                                        el("formatHidden", "1" + std::string(1024, '0')) +
+                                                        el("formatVisible", std::string(1200, '1')))) + "</package>");
+    EXPECT_EQ(GetRegionFileSettings(W(kPath).c_str(), &r), 1);
+    EXPECT_EQ(U(r.serialNumber), std::string(19, 'S'));
+    EXPECT_EQ(std::vector<DWORD>({r.formatHidden, r.formatVisible, r.force}), std::vector<DWORD>({1, 0, 0}));
 
     // "region" without "upgrade" is still found: 1, nothing changed.
     td.put(kPath, head + "<region/></package>");

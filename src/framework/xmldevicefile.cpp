@@ -4,12 +4,16 @@
 #include "framework/xmldevicefile.h"
 #include "framework/xmlfile.h"
 #include "platform/platform.h"
+#include "platform/plat_alloc.h"
 #include "platform/plat_unicode.h"
 
 #include <string.h>
 
-/* Element texts are read through a buffer larger than any field, then cut to the field. */
+/* Element texts are read into a buffer larger than any field, then cut to the field. A longer
+ * text is read again into a heap block of its own size, up to a bound; a text beyond it counts as
+ * unreadable. */
 #define XMLDEV_READ_CHARS 1024
+#define XMLDEV_MAX_TEXT_CHARS 32768
 #define XMLDEV_NAME_CHARS 64
 
 /* ---------------------------------------------------------------------------- text conversion */
@@ -115,17 +119,46 @@ static XmlNode *findInFile(LPCWSTR path, LPCWSTR name, XmlFile **ppFile)
     return node;
 }
 
-/* The text of child element name into buf; FALSE when the element is missing or unreadable. */
-static BOOL childText(XmlNode *parent, LPCWSTR name, WCHAR *buf, DWORD cap)
-{
-    XmlNode *child = firstChild(parent, name);
-    if (child == NULL)
-        return FALSE;
-    DWORD size = cap;
-    BOOL ok = child->getText(buf, &size);
-    child->release();
-    return ok;
-}
+/* The whole text of a child element: in a stack buffer when it fits, else in a heap block freed by
+ * the next read or the destructor. */
+class ElementText {
+public:
+    ElementText() : m_block(NULL) { m_buf[0] = 0; }
+    ~ElementText() { freeBlock(); }
+
+    /* The text of child element name; NULL when the element is missing, its text can't be read or
+     * it has more than XMLDEV_MAX_TEXT_CHARS characters. */
+    const WCHAR *read(XmlNode *parent, LPCWSTR name)
+    {
+        freeBlock();
+        XmlNode *child = firstChild(parent, name);
+        if (child == NULL)
+            return NULL;
+        const WCHAR *text = NULL;
+        DWORD size = XMLDEV_READ_CHARS;
+        if (child->getText(m_buf, &size)) {
+            text = m_buf;
+        } else if (size > XMLDEV_READ_CHARS && size <= XMLDEV_MAX_TEXT_CHARS + 1) {
+            /* too long for the buffer: size is the length needed, terminator included */
+            m_block = (WCHAR *)os_malloc(size * sizeof(WCHAR));
+            if (m_block != NULL && child->getText(m_block, &size))
+                text = m_block;
+        }
+        child->release();
+        return text;
+    }
+
+private:
+    void freeBlock()
+    {
+        if (m_block != NULL)
+            os_free(m_block);
+        m_block = NULL;
+    }
+
+    WCHAR m_buf[XMLDEV_READ_CHARS];
+    WCHAR *m_block;
+};
 
 /* ------------------------------------------------------------------------------ image readers */
 
@@ -137,31 +170,32 @@ static int getImageSettings(LPCWSTR path, LPCWSTR kindName, DeviceDescriptor *d)
         XmlNode *kind = firstChild(device, kindName);
         XmlNode *upgrade = firstChild(kind, TEXT("upgrade"));
         if (upgrade != NULL) {
-            WCHAR text[XMLDEV_READ_CHARS];
+            ElementText element;
+            const WCHAR *text;
 
-            if (childText(upgrade, TEXT("version"), text, XMLDEV_READ_CHARS)) {
+            if ((text = element.read(upgrade, TEXT("version"))) != NULL) {
                 /* Only the first run of digits counts: "V1.02.0003" is 1. */
                 d->version[0] = xmldevice_parseVersion(text);
                 d->version[1] = 0;
                 d->version[2] = 0;
                 VLLOG(LOG_DEBUG, TEXT("Data: (%d) %s\n"), (int)uni_wcslen(text), text);
             }
-            if (childText(upgrade, TEXT("force"), text, XMLDEV_READ_CHARS)) {
+            if ((text = element.read(upgrade, TEXT("force"))) != NULL) {
                 d->force = flagOf(text);
                 VLLOG(LOG_DEBUG, TEXT("Force upgrade: (%d) %s\n"), (int)uni_wcslen(text), text);
             }
-            if (childText(upgrade, TEXT("format"), text, XMLDEV_READ_CHARS)) {
+            if ((text = element.read(upgrade, TEXT("format"))) != NULL) {
                 d->format = flagOf(text);
                 VLLOG(LOG_DEBUG, TEXT("Format flash: (%d) %s\n"), (int)uni_wcslen(text), text);
             }
 
             XmlNode *hardware = firstChild(upgrade, TEXT("hardware"));
             if (hardware != NULL) {
-                if (childText(hardware, TEXT("type"), text, XMLDEV_READ_CHARS)) {
+                if ((text = element.read(hardware, TEXT("type"))) != NULL) {
                     uni_wcsncpy0(d->hardwareType, text, DEVDESC_TEXT_CHARS);
                     VLLOG(LOG_DEBUG, TEXT("Hardware type: (%d) %s\n"), (int)uni_wcslen(text), text);
                 }
-                if (childText(hardware, TEXT("version"), text, XMLDEV_READ_CHARS)) {
+                if ((text = element.read(hardware, TEXT("version"))) != NULL) {
                     uni_wcsncpy0(d->hardwareVersion, text, DEVDESC_TEXT_CHARS);
                     VLLOG(LOG_DEBUG, TEXT("Hardware version: (%d) %s\n"), (int)uni_wcslen(text), text);
                 }
@@ -203,14 +237,15 @@ int GetRegionFileSettings(LPCWSTR path, RegionDescriptor *r)
 
     XmlNode *upgrade = firstChild(region, TEXT("upgrade"));
     if (upgrade != NULL) {
-        WCHAR text[XMLDEV_READ_CHARS];
-        if (childText(upgrade, TEXT("serialnum"), text, XMLDEV_READ_CHARS))
+        ElementText element;
+        const WCHAR *text;
+        if ((text = element.read(upgrade, TEXT("serialnum"))) != NULL)
             uni_wcsncpy0(r->serialNumber, text, REGIONDESC_SERIAL_CHARS);
-        if (childText(upgrade, TEXT("formatHidden"), text, XMLDEV_READ_CHARS))
+        if ((text = element.read(upgrade, TEXT("formatHidden"))) != NULL)
             r->formatHidden = flagOf(text);
-        if (childText(upgrade, TEXT("formatVisible"), text, XMLDEV_READ_CHARS))
+        if ((text = element.read(upgrade, TEXT("formatVisible"))) != NULL)
             r->formatVisible = flagOf(text);
-        if (childText(upgrade, TEXT("force"), text, XMLDEV_READ_CHARS))
+        if ((text = element.read(upgrade, TEXT("force"))) != NULL)
             r->force = flagOf(text);
         upgrade->release();
     }

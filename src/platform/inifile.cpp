@@ -22,9 +22,7 @@
 
 /* Results of the enumeration's advance step. */
 #define INI_ADVANCE_END 0        /* the file has ended */
-#define INI_ADVANCE_NEXT 1       /* moved to the next byte */
-#define INI_ADVANCE_REFILLED 2   /* buffer refilled; the byte at 0 was examined before the refill */
-#define INI_ADVANCE_COMPACTED 3  /* compaction done; the byte at 0 is to be examined (again) */
+#define INI_ADVANCE_BYTE 1       /* a byte to examine stands at the position */
 
 /* ---- character classes of the default 8-bit table ---- */
 
@@ -324,17 +322,18 @@ int ini_atoi(const char *text)
  * One step through the member buffer. Moves to the next byte; at the buffer's last byte, or when a
  * compaction is pending, moves the bytes from the current position to the front, reads as many as
  * were dropped behind them and sets the position to 0. A short buffer without a pending compaction
- * means the file has ended.
+ * means the file has ended. After a refill the byte at 0 is the one the position stood on, and it
+ * is examined again: a key name across a refill gets that byte twice ("abcd" reads "abbcd"), and
+ * the NUL written at a value's cut comes back as a line end.
  */
 int CIniFile::advance()
 {
     if (m_nPosition < m_nCount - 1 && !m_bCompact) {
         ++m_nPosition;
-        return INI_ADVANCE_NEXT;
+        return INI_ADVANCE_BYTE;
     }
     if (m_nCount < INI_ENUM_BUFFER_SIZE && !m_bCompact) return INI_ADVANCE_END;
 
-    bool compacted = m_bCompact;
     m_bCompact = false;
     int from = m_nPosition;
     if (from < 0) from = 0;
@@ -347,8 +346,7 @@ int CIniFile::advance()
     }
     m_nPosition = 0;
     m_nCount = keep + got;
-    if (m_nCount <= 0) return INI_ADVANCE_END;
-    return compacted ? INI_ADVANCE_COMPACTED : INI_ADVANCE_REFILLED;
+    return m_nCount > 0 ? INI_ADVANCE_BYTE : INI_ADVANCE_END;
 }
 
 /*
@@ -366,8 +364,6 @@ bool CIniFile::enumSections(IniSectionCallback callback, void *context)
     for (;;) {
         int step = advance();
         if (step == INI_ADVANCE_END) break;
-        /* The byte carried over by a plain refill was examined before it. */
-        if (step == INI_ADVANCE_REFILLED) continue;
         if (m_buffer[m_nPosition] != '[') continue;
 
         int close = -1;
@@ -413,14 +409,13 @@ void CIniFile::callKey(IniKeyCallback callback, const char *key, const char *val
  * key name, 2 after the '=', 3 in a value. Values stay in the member buffer, which a value start
  * compacts so that the value begins at position 0 and may be 2047 bytes long.
  *
- * Left open by the format and decided here:
- *  - a key name of 128 or more characters is cut to its first 127 and delivered so;
- *  - the rest of a line behind a value cut at 2047 bytes is dropped (state 4), so the cut value is
- *    the key's only delivery and the tail is not read as a new key; a '[' in it still opens a section;
- *  - a '[' at the cut position opens a section like any '[' in a value, and the value is not cut
- *    and delivered;
- *  - the byte carried over by a plain refill was examined before it and is not examined again, so
- *    a key name across a refill comes through once.
+ * A value that reaches the buffer's last byte is cut there: that byte becomes NUL, the first 2047
+ * bytes are delivered and the state stays 3. The refill then brings the NUL to the front, which ends
+ * the value once more with an empty value, and the rest of the line is read as a new key name. A
+ * '[' at the cut is delivered the same way and then ends the keys as any '[' does; being
+ * overwritten by the NUL, it opens no section.
+ *
+ * A key name of 128 or more characters is cut to its first 127 and delivered so.
  */
 bool CIniFile::enumKeys(const char *section, IniKeyCallback callback)
 {
@@ -440,7 +435,6 @@ bool CIniFile::enumKeys(const char *section, IniKeyCallback callback)
     for (;;) {
         int step = advance();
         if (step == INI_ADVANCE_END) return true;
-        if (step == INI_ADVANCE_REFILLED) continue;
 
         int pos = m_nPosition;
         unsigned char c = (unsigned char)m_buffer[pos];
@@ -473,12 +467,9 @@ bool CIniFile::enumKeys(const char *section, IniKeyCallback callback)
                     state = 3;
                     m_bCompact = true;   /* the value is to begin at position 0 */
                 }
-            } else if (state == 3) {
-                if (c != '[' && pos == INI_ENUM_BUFFER_SIZE - 1) {
-                    m_buffer[pos] = 0;
-                    callKey(callback, key, m_buffer);
-                    state = 4;   /* the rest of the line is dropped */
-                }
+            } else if (state == 3 && pos == INI_ENUM_BUFFER_SIZE - 1) {
+                m_buffer[pos] = 0;
+                callKey(callback, key, m_buffer);
             }
         }
         if (c == '[') {
