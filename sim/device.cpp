@@ -546,6 +546,8 @@ void Device::loadProfile() {
     loadStorageProfile(*this, m_profile);
     loadRegistryProfile(*this, m_profile);
     m_kernel = makeKernel(*this, m_profile);
+    m_libraries = makeLibraries(*this, m_profile);   // after the kernel: the division's defaults
+    m_heaps = makeHeaps(*this, m_profile);
     m_devices = makeDevices(*this, m_profile);
     m_windows = makeWindows(*this, m_profile);
     m_power = makePower(*this, m_profile);

@@ -231,6 +231,8 @@ class Kernel;
 class Devices;
 class Windows;   // windows.cpp: window manager, message queues, EDIT and BUTTON controls, GDI
 class Power;     // power.cpp: power status and notifications, message queues, device notifications
+class Libraries; // library.cpp: LoadLibraryW, GetProcAddressW, coredll's memory division
+class Heaps;     // heaps.cpp: HeapCreate and its kin
 
 // ---- the device ----
 class Device {
@@ -260,6 +262,8 @@ public:
     Devices &devices() { return *m_devices; }
     Windows &windows() { return *m_windows; }
     Power &power() { return *m_power; }
+    Libraries &libraries() { return *m_libraries; }
+    Heaps &heaps() { return *m_heaps; }
 
     // The running program's CE path ([device] program).
     std::u16string programPath() const;
@@ -301,6 +305,8 @@ private:
     std::shared_ptr<Devices> m_devices;
     std::shared_ptr<Windows> m_windows;
     std::shared_ptr<Power> m_power;
+    std::shared_ptr<Libraries> m_libraries;
+    std::shared_ptr<Heaps> m_heaps;
     std::u16string m_program;
     struct Injected { DWORD error = 0; unsigned nth = 0; };   // nth 0: every call
     std::map<std::string, Injected> m_failures;
@@ -319,6 +325,8 @@ std::shared_ptr<Kernel> makeKernel(Device &dev, const toml::table &profile);    
 std::shared_ptr<Devices> makeDevices(Device &dev, const toml::table &profile);  // devices.cpp: [flash_disk]
 std::shared_ptr<Windows> makeWindows(Device &dev, const toml::table &profile);  // windows.cpp: [screen], [input]
 std::shared_ptr<Power> makePower(Device &dev, const toml::table &profile);      // power.cpp: [power], [card]
+std::shared_ptr<Libraries> makeLibraries(Device &dev, const toml::table &profile);  // library.cpp: [library], [memory.division]
+std::shared_ptr<Heaps> makeHeaps(Device &dev, const toml::table &profile);      // heaps.cpp: [memory] heap_*
 
 // Raises an access violation on the calling thread (an injected [crash]); exceptions.cpp turns it,
 // like a real fault, into the exception record, runs the guards' filters and ends the process.

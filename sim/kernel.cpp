@@ -2,6 +2,8 @@
 // and memory figures, and message boxes (answered at once, as if the user pressed OK).
 #include "kernel.h"
 
+#include "library.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -250,9 +252,12 @@ void Kernel::memoryStatus(MEMORYSTATUS *out) const {
     out->dwLength = sizeof *out;
     out->dwMemoryLoad = m_memory.memoryLoad;
     out->dwTotalPhys = m_memory.totalPhys;
-    out->dwAvailPhys = m_memory.availPhys;
     out->dwTotalVirtual = m_memory.totalVirtual;
-    out->dwAvailVirtual = m_memory.availVirtual;
+    // What the heaps hold is no longer available (the profile's figures are those of empty heaps).
+    const uint64_t held = m_dev.heaps().held();
+    auto less = [held](DWORD avail) { return DWORD(avail > held ? avail - held : 0); };
+    out->dwAvailPhys = less(m_memory.availPhys);
+    out->dwAvailVirtual = less(m_memory.availVirtual);
 }
 
 void *Kernel::localAlloc(UINT flags, SIZE_T bytes) {
