@@ -523,6 +523,23 @@ typedef struct _EXCEPTION_POINTERS {
     PCONTEXT ContextRecord;
 } EXCEPTION_POINTERS, *PEXCEPTION_POINTERS, *LPEXCEPTION_POINTERS;
 
+
+/* ---- libraries and heaps ---- */
+typedef INT_PTR (WINAPI *FARPROC)(void);
+#define HEAP_NO_SERIALIZE 0x00000001
+#define HEAP_GENERATE_EXCEPTIONS 0x00000004
+#define HEAP_ZERO_MEMORY 0x00000008
+#define ERROR_PROC_NOT_FOUND 127L
+#define ERROR_MOD_NOT_FOUND 126L
+
+HMODULE WINAPI LoadLibraryW(LPCWSTR lpLibFileName);
+BOOL WINAPI FreeLibrary(HMODULE hLibModule);
+HANDLE WINAPI HeapCreate(DWORD flOptions, SIZE_T dwInitialSize, SIZE_T dwMaximumSize);
+BOOL WINAPI HeapDestroy(HANDLE hHeap);
+LPVOID WINAPI HeapAlloc(HANDLE hHeap, DWORD dwFlags, SIZE_T dwBytes);
+BOOL WINAPI HeapFree(HANDLE hHeap, DWORD dwFlags, LPVOID lpMem);
+SIZE_T WINAPI HeapCompact(HANDLE hHeap, DWORD dwFlags);
+
 /* ---- functions defined by the simulated device ---- */
 DWORD WINAPI GetLastError(void);
 void WINAPI SetLastError(DWORD dwErrCode);
@@ -753,6 +770,9 @@ typedef struct _DEVDETAIL {
 
 HANDLE RequestDeviceNotifications(LPCGUID devclass, HANDLE hMsgQ, BOOL fAll);
 BOOL StopDeviceNotifications(HANDLE h);
+
+/* ---- library entry points by wide name, as CE's coredll exports them ---- */
+FARPROC GetProcAddressW(HMODULE hModule, LPCWSTR lpProcName);
 
 BOOL KernelIoControl(DWORD dwIoControlCode, LPVOID lpInBuf, DWORD nInBufSize, LPVOID lpOutBuf,
                      DWORD nOutBufSize, LPDWORD lpBytesReturned);
