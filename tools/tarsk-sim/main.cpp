@@ -3,10 +3,11 @@
 //
 //   tarsk-sim run [DEVICE] [--time-scale S] [--timeout SECONDS] [--journal FILE] [--seal]
 //   tarsk-sim check [DEVICE] [--time-scale S] [--journal FILE] [--seal]
+//   tarsk-sim settings [DEVICE] [--json]
 //   tarsk-sim new DIR
 //
-// Without DEVICE, run and check work on a fresh copy of the built-in default device (devices/default)
-// with its sample descriptor sealed into the program's folder.
+// Without DEVICE, run, check and settings work on a fresh copy of the built-in default device
+// (devices/default) with its sample descriptor sealed into the program's folder.
 #include "simtool.h"
 
 #include <CLI/CLI.hpp>
@@ -47,6 +48,7 @@ int main(int argc, char **argv) {
     app.require_subcommand(1);
 
     RunOptions runOptions, checkOptions;
+    SettingsOptions settingsOptions;
     std::string dir;
 
     CLI::App *runCmd = app.add_subcommand(
@@ -63,6 +65,14 @@ int main(int argc, char **argv) {
                  "reported a failed request, 2 bad usage or a bad device folder");
     addDeviceOptions(checkCmd, checkOptions);
 
+    CLI::App *settingsCmd = app.add_subcommand(
+        "settings", "show device_settings.ini as the device reads it: where it is, the sections applied, every "
+                    "setting and key code, and what the device reads differently from how it looks; without "
+                    "DEVICE, on a fresh copy of the default device. Exit codes: 0 shown, 1 the device finds no "
+                    "such file, 2 bad usage or a bad device folder");
+    settingsCmd->add_option("device", settingsOptions.device, "the device folder (device.toml, fs/, run/)");
+    settingsCmd->add_flag("--json", settingsOptions.json, "print one JSON object instead of the text");
+
     CLI::App *newCmd = app.add_subcommand("new", "write the default device, with its sealed package, into DIR");
     newCmd->add_option("dir", dir, "the folder to make (must not exist or be empty)")->required();
 
@@ -71,6 +81,7 @@ int main(int argc, char **argv) {
     try {
         if (runCmd->parsed()) return run(runOptions);
         if (checkCmd->parsed()) return check(checkOptions);
+        if (settingsCmd->parsed()) return settings(settingsOptions);
         return makeNew(dir);
     } catch (const Failure &f) {
         std::fflush(stdout);

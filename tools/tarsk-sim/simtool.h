@@ -50,4 +50,11 @@ int check(const RunOptions &options);
 int run(const RunOptions &options);
 int makeNew(const std::string &dir);
 
+struct SettingsOptions {
+    std::string device;
+    bool json = false;
+};
+// Shows device_settings.ini as the device reads it; exit 1 when the device finds no such file.
+int settings(const SettingsOptions &options);
+
 }  // namespace tarsk_sim
