@@ -495,9 +495,9 @@ void Device::uninstall() {
     g_current.compare_exchange_strong(self, nullptr);
 }
 
-// "[fail] Name = error" or "[fail] Name = { error = E, nth = N }"; "[crash] Name = N".
+// "[fail] Name = error" or "[fail] Name = { error = E, nth = N, times = K }"; "[crash] Name = N".
 static void loadInjections(const toml::table &profile, std::map<std::string, unsigned> &crashes,
-                           const std::function<void(const std::string &, DWORD, unsigned)> &fail) {
+                           const std::function<void(const std::string &, DWORD, unsigned, unsigned)> &fail) {
     if (const toml::node *node = profile.get("fail")) {
         const toml::table *t = node->as_table();
         if (!t) badProfile("fail", "must be a table of CE call names");
@@ -505,19 +505,24 @@ static void loadInjections(const toml::table &profile, std::map<std::string, uns
             const std::string name(key.str());
             if (auto v = value.value<int64_t>(); v && value.is_integer()) {
                 if (*v < 0 || *v > int64_t(0xFFFFFFFFu)) badProfile("fail." + name, "must be an error code");
-                fail(name, DWORD(*v), 0);
+                fail(name, DWORD(*v), 0, 0);
             } else if (const toml::table *entry = value.as_table()) {
+                auto number = [&](const char *k, int64_t fallback) {
+                    const toml::node *n = entry->get(k);
+                    return n ? n->value<int64_t>() : std::optional<int64_t>(fallback);
+                };
                 auto error = entry->get("error") ? entry->get("error")->value<int64_t>() : std::nullopt;
-                auto nth = entry->get("nth") ? entry->get("nth")->value<int64_t>() : std::optional<int64_t>(0);
+                auto nth = number("nth", 0), times = number("times", 1);
                 if (!error || *error < 0 || *error > int64_t(0xFFFFFFFFu))
                     badProfile("fail." + name + ".error", "must be an error code");
                 if (!nth || *nth < 0) badProfile("fail." + name + ".nth", "must be a call number from 1");
+                if (!times || *times < 0) badProfile("fail." + name + ".times", "must be a count, 0 for no end");
                 for (auto &&[k, v2] : *entry)
-                    if (k.str() != "error" && k.str() != "nth")
-                        badProfile("fail." + name + "." + std::string(k.str()), "unknown key (error, nth)");
-                fail(name, DWORD(*error), unsigned(*nth));
+                    if (k.str() != "error" && k.str() != "nth" && k.str() != "times")
+                        badProfile("fail." + name + "." + std::string(k.str()), "unknown key (error, nth, times)");
+                fail(name, DWORD(*error), unsigned(*nth), unsigned(*times));
             } else {
-                badProfile("fail." + name, "must be an error code or { error = E, nth = N }");
+                badProfile("fail." + name, "must be an error code or { error = E, nth = N, times = K }");
             }
         }
     }
@@ -540,8 +545,8 @@ void Device::loadProfile() {
         m_clock.setScale(*scale);
     }
     if (auto base = profileInt(m_profile, "device.tick_base")) m_clock.setBase(DWORD(*base));
-    loadInjections(m_profile, m_crashes, [this](const std::string &name, DWORD error, unsigned nth) {
-        m_failures[name] = Injected{error, nth};
+    loadInjections(m_profile, m_crashes, [this](const std::string &name, DWORD error, unsigned nth, unsigned times) {
+        m_failures[name] = Injected{error, nth, times};
     });
     loadStorageProfile(*this, m_profile);
     loadRegistryProfile(*this, m_profile);
@@ -568,15 +573,15 @@ std::optional<DWORD> Device::failure(const std::string &call) {
         auto c = m_crashes.find(call);
         crash = c != m_crashes.end() && c->second == n;
         auto f = m_failures.find(call);
-        if (f != m_failures.end() && (f->second.nth == 0 || f->second.nth == n)) error = f->second.error;
+        if (f != m_failures.end() && f->second.covers(n)) error = f->second.error;
     }
     if (crash) raiseAccessViolation();
     return error;
 }
 
-void Device::setFailure(const std::string &call, std::optional<DWORD> error, unsigned nth) {
+void Device::setFailure(const std::string &call, std::optional<DWORD> error, unsigned nth, unsigned times) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (error) m_failures[call] = Injected{*error, nth};
+    if (error) m_failures[call] = Injected{*error, nth, times};
     else m_failures.erase(call);
 }
 

@@ -272,9 +272,10 @@ public:
     // Every CE call of the program passes here first (once per call): it counts the call by name,
     // raises an injected access violation when the profile's [crash] table names this call's number
     // (name = N), and returns the error to fail the call with ([fail] table: name = error, every
-    // call; or name = { error = E, nth = N }, only the Nth).
+    // call; or name = { error = E, nth = N, times = K }, the K calls from the Nth on, K 0 for no end,
+    // K 1 when not given).
     std::optional<DWORD> failure(const std::string &call);
-    void setFailure(const std::string &call, std::optional<DWORD> error, unsigned nth = 0);
+    void setFailure(const std::string &call, std::optional<DWORD> error, unsigned nth = 0, unsigned times = 1);
     void setCrash(const std::string &call, unsigned nth);   // 0 clears it
     unsigned callCount(const std::string &call) const;
 
@@ -308,7 +309,12 @@ private:
     std::shared_ptr<Libraries> m_libraries;
     std::shared_ptr<Heaps> m_heaps;
     std::u16string m_program;
-    struct Injected { DWORD error = 0; unsigned nth = 0; };   // nth 0: every call
+    struct Injected {
+        DWORD error = 0;
+        unsigned nth = 0;     // 0: every call
+        unsigned times = 1;   // from the nth on; 0: no end
+        bool covers(unsigned n) const { return nth == 0 || (n >= nth && (times == 0 || n - nth < times)); }
+    };
     std::map<std::string, Injected> m_failures;
     std::map<std::string, unsigned> m_crashes;
     std::map<std::string, unsigned> m_calls;

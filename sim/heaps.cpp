@@ -57,6 +57,7 @@ uint64_t Heaps::roomLocked(const Heap &h) const {
     auto left = [](uint64_t cap, uint64_t used) { return cap > used ? cap - used : 0; };
     uint64_t room = left(m_dev.kernel().memory().availVirtual, m_held);
     if (h.maximum) room = std::min(room, left(h.maximum, h.held));
+    if (DWORD largest = m_dev.kernel().memory().largestAllocation) room = std::min<uint64_t>(room, largest);
     if (m_limit) room = std::min(room, left(*m_limit, m_held));
     return room;
 }
@@ -131,22 +132,28 @@ BOOL Heaps::free(HANDLE heap, DWORD, void *block) {
         setLastError(*e);
         return FALSE;
     }
-    std::lock_guard<std::mutex> lock(m_mutex);
-    Heap *h = heapOf(heap);
-    if (!h) {
+    return release(heap, block);
+}
+
+BOOL Heaps::release(HANDLE heap, void *block) {
+    Process &p = process();
+    std::lock_guard<std::mutex> lock(p.mutex);
+    auto found = p.heaps.find(reinterpret_cast<uintptr_t>(heap));
+    if (found == p.heaps.end()) {
         setLastError(ERROR_INVALID_HANDLE);
         return FALSE;
     }
+    Heap &h = found->second;
     if (!block) return TRUE;
-    auto it = h->blocks.find(block);
-    if (it == h->blocks.end()) {
+    auto it = h.blocks.find(block);
+    if (it == h.blocks.end()) {
         setLastError(ERROR_INVALID_PARAMETER);
         return FALSE;
     }
-    h->held -= it->second;
-    m_held -= it->second;
+    h.held -= it->second;
+    p.held -= it->second;
     std::free(block);
-    h->blocks.erase(it);
+    h.blocks.erase(it);
     return TRUE;
 }
 
@@ -195,6 +202,11 @@ LPVOID WINAPI HeapAlloc(HANDLE hHeap, DWORD dwFlags, SIZE_T dwBytes) {
     return sim::dev().heaps().alloc(hHeap, dwFlags, dwBytes);
 }
 
-BOOL WINAPI HeapFree(HANDLE hHeap, DWORD dwFlags, LPVOID lpMem) { return sim::dev().heaps().free(hHeap, dwFlags, lpMem); }
+// A program's static objects may give their blocks back after the last simulated device is gone
+// (at process exit): the heaps are the process's, so that is served without one.
+BOOL WINAPI HeapFree(HANDLE hHeap, DWORD dwFlags, LPVOID lpMem) {
+    if (sim::Device *d = sim::Device::current()) return d->heaps().free(hHeap, dwFlags, lpMem);
+    return sim::Heaps::release(hHeap, lpMem);
+}
 
 SIZE_T WINAPI HeapCompact(HANDLE hHeap, DWORD dwFlags) { return sim::dev().heaps().compact(hHeap, dwFlags); }

@@ -12,7 +12,7 @@
 //   '0x80002E78' = 31
 //   [memory]                     store_size, store_free, total_phys, avail_phys, total_virtual,
 //                                avail_virtual, memory_load (defaults: a 64 MB device)
-//                                largest_allocation (bytes; LocalAlloc refuses anything larger)
+//                                largest_allocation (bytes; LocalAlloc and HeapAlloc refuse anything larger)
 //   [fail] GetStoreInformation = 5
 //
 // A query whose answer is not in the profile fails with ERROR_NOT_SUPPORTED, as an unknown code

@@ -134,6 +134,7 @@ public:
     BOOL destroy(HANDLE heap);                                     // HeapDestroy
     void *alloc(HANDLE heap, DWORD flags, SIZE_T bytes);           // HeapAlloc
     BOOL free(HANDLE heap, DWORD flags, void *block);              // HeapFree
+    static BOOL release(HANDLE heap, void *block);                 // HeapFree without a device
     SIZE_T compact(HANDLE heap, DWORD flags);                      // HeapCompact
 
     uint64_t held() const;     // bytes all heaps hold now

@@ -230,6 +230,27 @@ TEST(AppRun, StartUpFailuresAndCrash) {
     }
 }
 
+// A boot organises the memory once, at the program's first allocation: the division is asked for from
+// the smallest store that keeps what it holds (1170 pages for 4 MiB used) until the kernel takes one.
+// The device settings are read through the device library: its hardware version picks the section.
+TEST(AppRun, MemoryOrganisedOnceAndSettingsReadByHardwareVersion) {
+    const std::string settings = "My Flash Disk/Program Files/Velmar/Waylume_CE/UserData/device_settings.ini";
+    Boot r = runProgram(profile("[memory]\nstore_size = 16777216\nstore_free = 12582912\n"
+                                "[memory.division]\nset_result = [3, 0]\n"
+                                "[library.'device.dll']\nconstruct = 1\ngetHardwareVersion = 5\n"),
+                        {{"My Flash Disk/device.dll", "MZ"}, {"My Flash Disk/debug.ini", kLogToFile},
+                         {settings, "[HWVersion=3]\r\nthree=3\r\n[HWVersion=5]\r\nfive=5\r\n"}});
+    std::vector<std::pair<int, int>> requests;
+    for (const json &e : r.events("memory_division")) requests.emplace_back(e["storage_pages"], e["result"]);
+    EXPECT_EQ(requests, (std::vector<std::pair<int, int>>{{1170, 3}, {1171, 0}}));
+    const std::string log = r.file("My Flash Disk/tarsk.log");
+    EXPECT_EQ(testing_support::occurrences(log, "Dumping memory stats before reorganising memory"), 1) << log;
+    EXPECT_NE(log.find("Unknown key five = 5"), std::string::npos) << log;
+    EXPECT_EQ(log.find("Unknown key three"), std::string::npos) << log;
+    EXPECT_EQ(r.end(), "exit");
+    if (!HasFailure()) fs::remove_all(r.device);
+}
+
 // A second copy on the same device exits at once with 0 and touches nothing.
 TEST(AppRun, SecondInstanceExitsAtOnce) {
     fs::path device = tempFolder("tarsk-app");

@@ -76,6 +76,7 @@ TEST(DesktopIntegration, FileThenRegistryThenDefaults) {
         SCOPED_TRACE(r.what);
         TestDevice t(r.registry.empty() ? "" : "[registry.'HKLM\\Information']\n" + r.registry + "\n");
         if (r.folder) t.put(std::string(r.folder) + "\\paths.xml", pathsXml(r.entries));
+        t.put(testing_support::kDeviceSettingsFile, "");
         g_vlLogSettings.level = LOG_DEBUG;
         DesktopIntegrationPrivate *di = new DesktopIntegrationPrivate();
         di->addRef();
@@ -98,8 +99,9 @@ TEST(DesktopIntegration, ProcessObjectAndPathBuilder) {
     ran = true;
     TestDevice t("[registry.'HKLM\\Information']\nInternal = '\\Flash'\n");
     t.put("\\Flash\\paths.xml", pathsXml(entry("waylume", "\\Nav", "Nav.exe")));
-    t.dev().setFailure("LocalAlloc", ERROR_NOT_ENOUGH_MEMORY, t.dev().callCount("LocalAlloc") + 1);
+    t.dev().setFailure("HeapAlloc", ERROR_NOT_ENOUGH_MEMORY);
     EXPECT_EQ(nullptr, GetDesktopIntegration());
+    t.dev().setFailure("HeapAlloc", std::nullopt);
     EXPECT_TRUE(testing_support::logged("ERROR, Operator new failed on DesktopIntegrationPrivate."));
     DesktopIntegrationPrivate *di = GetDesktopIntegration();
     ASSERT_NE(nullptr, di);

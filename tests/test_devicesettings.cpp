@@ -15,12 +15,11 @@
 
 using std::string;
 using std::to_string;
+using testing_support::kDeviceSettingsFile;
 using testing_support::LogMark;
 using velmar::CDeviceSettings;
 
 namespace {
-
-const char kFile[] = "\\My Flash Disk\\Program Files\\Velmar\\Waylume_CE\\UserData\\device_settings.ini";
 
 // The library is loaded at once: its many missing entries would otherwise flood the log under a mark.
 struct SettingsDevice : testing_support::TestDevice {
@@ -70,7 +69,7 @@ TEST(DeviceSettings, SectionsAndKeysAsTheDeviceReadsThem) {
     SettingsDevice td;
     for (const auto &r : rows) {
         SCOPED_TRACE(r.ini);
-        td.put(kFile, r.ini);
+        td.put(kDeviceSettingsFile, r.ini);
         LogMark mark;
         CDeviceSettings ds;
         std::memset(&ds, 0x5A, sizeof ds);
@@ -99,7 +98,7 @@ TEST(DeviceSettings, FileNameFromTheSettingsBasePath) {
         string basepath;   // no paths.xml when "-"
         string file;
     } rows[] = {
-        {"-", kFile},
+        {"-", kDeviceSettingsFile},
         {"<basepath>\\Cfg</basepath>", "\\My Flash Disk\\Cfg\\device_settings.ini"},
         {"<basepath>Cfg\\Dev</basepath>", "\\My Flash Disk\\Cfg\\Dev\\device_settings.ini"},
         // far longer than a path (and than the reader's own buffer): the name is cut at 259 characters
@@ -118,7 +117,7 @@ TEST(DeviceSettings, FileNameFromTheSettingsBasePath) {
 
 TEST(DeviceSettings, LibraryWithoutHardwareVersionUsesMinusOne) {
     SettingsDevice td("getGPSType = 4\n");
-    td.put(kFile, "[HWVersion=-1]\r\ntv available=TRUE\r\n[GPS=ATHEROS]\r\nav available=TRUE\r\n");
+    td.put(kDeviceSettingsFile, "[HWVersion=-1]\r\ntv available=TRUE\r\n[GPS=ATHEROS]\r\nav available=TRUE\r\n");
     CDeviceSettings *ds = velmar::getDeviceSettings();
     EXPECT_EQ(to_string(ds->m_nHardwareVersion) + ds->m_szHardwareSection + ds->m_szGPSSection,
               "-1HWVersion=-1GPS=ATHEROS");
@@ -135,7 +134,7 @@ TEST(DeviceSettings, WithoutTheFileEveryAccessRetries) {
     const char *from = reinterpret_cast<const char *>(&first->m_nMapCacheSizeMax), *to = (const char *)(first + 1);
     EXPECT_EQ(std::count(from, to, 0), to - from);
 
-    td.put(kFile, "[Default]\r\ntmc baud rate=38400\r\n");
+    td.put(kDeviceSettingsFile, "[Default]\r\ntmc baud rate=38400\r\n");
     EXPECT_EQ(velmar::getDeviceSettings()->m_nTMCBaudRate, 38400);
     velmar::getDeviceSettings();
     EXPECT_TRUE(velmar::isDeviceSettingsLoaded());
@@ -152,7 +151,7 @@ void reenter(int event, int, const char *, const char *, const char *) {
 
 TEST(DeviceSettings, AccessDuringConstructReturnsTheInstanceUntouched) {
     SettingsDevice td;
-    td.put(kFile, "[Default]\r\ntmc command retry=3\r\n");
+    td.put(kDeviceSettingsFile, "[Default]\r\ntmc command retry=3\r\n");
     velmar::setDeviceSettingsObserver(reenter);
     CDeviceSettings *outer = velmar::getDeviceSettings();
     velmar::setDeviceSettingsObserver(NULL);

@@ -1,5 +1,6 @@
 // The file wrappers: the mode table, the return conventions, the find search and its record, the
 // bounded formatters and the file classes, on the simulated device's file system.
+#include "platform/plat_alloc.h"
 #include "test_device.h"
 
 #include "platform/plat_file.h"
@@ -31,6 +32,12 @@ protected:
     void SetUp() override {
         g_vlLogSettings.level = LOG_WARNING;
         g_vlLogSettings.moduleMask = MODULE_ALL;
+    }
+    // The handles open once the allocator is set up: the memory organisation's mutex stays open for
+    // the whole boot, and tests that allocate count file handles above it.
+    static size_t handlesOnceOrganised(TestDevice &t) {
+        os_free(os_malloc(1));
+        return t.dev().objects().count();
     }
 };
 
@@ -291,6 +298,7 @@ TEST_F(PlatFile, COSFileOpensReadsAndRemoves) {
 
 TEST_F(PlatFile, BufferedOutputHoldsBytesUntilFlushOrDestruction) {
     TestDevice t;
+    const size_t kept = handlesOnceOrganised(t);
     {
         COSBufferOutputFile out;
         ASSERT_EQ(out.Open(u"\\out.txt", u"wb"), 1);
@@ -310,11 +318,12 @@ TEST_F(PlatFile, BufferedOutputHoldsBytesUntilFlushOrDestruction) {
         EXPECT_EQ(out.Write("end", 3), 3u);
     }
     EXPECT_EQ(t.get("\\out.txt"), "abcdefghi0123456789tail!end");
-    EXPECT_EQ(t.dev().objects().count(), 0u);
+    EXPECT_EQ(t.dev().objects().count(), kept);
 }
 
 TEST_F(PlatFile, BufferedInputAlwaysReadsInKilobyteBlocks) {
     TestDevice t;
+    const size_t kept = handlesOnceOrganised(t);
     std::string content;
     for (int i = 0; i < 3000; ++i) content.push_back(char('a' + i % 26));
     t.put("\\in.bin", content);
@@ -346,11 +355,11 @@ TEST_F(PlatFile, BufferedInputAlwaysReadsInKilobyteBlocks) {
     EXPECT_EQ(in->ReadByte(), 'Y');
     EXPECT_EQ(in->ReadByte(), -1);
     in->Close();
-    EXPECT_EQ(t.dev().objects().count(), 0u);
+    EXPECT_EQ(t.dev().objects().count(), kept);
 }
 
 TEST_F(PlatFile, BufferSetUpFailsWhenMemoryIsRefused) {
-    TestDevice t("[fail]\nLocalAlloc = 8\n");
+    TestDevice t("[fail]\nHeapAlloc = 8\n");
     testing_support::LogMark log;
     COSBufferInputFile in;
     EXPECT_EQ(in.SetBufferSize(5), 0);

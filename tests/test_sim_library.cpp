@@ -159,6 +159,9 @@ TEST(SimLibrary, HeapsFollowLimitsFragmentationAndInjectedFailures) {
         {"heap_alloc_fail = [2, 3]\n", 0, kNoMemory, {{'a', 8, 1}, {'a', 8, 0}, {'a', 8, 0}, {'a', 8, 1}, {'v', 0, 0x1C00000 - 16}}},
         {"avail_virtual = 4096\n", 0, kNoMemory, {{'a', 4097, 0}, {'a', 4000, 1}, {'c', 0, 96}}},
         {"[fail]\nHeapAlloc = { error = 14, nth = 2 }\n", 0, 14, {{'a', 8, 1}, {'a', 8, 0}, {'a', 8, 1}}},
+        {"[fail]\nHeapAlloc = { error = 14, nth = 2, times = 2 }\n", 0, 14, {{'a', 8, 1}, {'a', 8, 0}, {'a', 8, 0}, {'a', 8, 1}}},
+        {"[fail]\nHeapAlloc = { error = 14, nth = 2, times = 0 }\n", 0, 14, {{'a', 8, 1}, {'a', 8, 0}, {'a', 8, 0}, {'a', 8, 0}}},
+        {"largest_allocation = 64\n", 0, kNoMemory, {{'a', 65, 0}, {'a', 64, 1}, {'a', 64, 1}}},
     };
     for (const Row &r : rows) {
         SCOPED_TRACE(r.memory);

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+using testing_support::kDeviceSettingsFile;
 using testing_support::TestDevice;
 using testing_support::U;
 using testing_support::W;
@@ -154,6 +155,7 @@ TEST(XmlDeviceFile, RegionReader) {
 
 TEST(XmlDeviceFile, DebugLinesNameTheTextsAndTheirLengths) {
     TestDevice td;
+    td.put(kDeviceSettingsFile, "");
     td.put(kPath, imageXml("kernel", el("version", "2.10.0005") + el("force", "true") + el("hardware", el("type", "QX7"))));
     g_vlLogSettings.level = LOG_DEBUG;
     DeviceDescriptor d = patterned();

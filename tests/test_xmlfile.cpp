@@ -48,7 +48,10 @@ struct Fixture {
     testing_support::TestDevice dev;
     std::vector<XmlFile *> files;
     std::vector<XmlNode *> nodes;
-    Fixture() { g_vlLogSettings.level = LOG_DEBUG; }
+    Fixture() {
+        dev.put(testing_support::kDeviceSettingsFile, "");
+        g_vlLogSettings.level = LOG_DEBUG;
+    }
     ~Fixture() {
         for (XmlNode *n : nodes) n->release();
         for (XmlFile *f : files) f->release();

@@ -4,6 +4,7 @@
 #include "platform/platform.h"
 
 #include "platform/inifile.h"
+#include "platform/plat_alloc.h"
 #include "platform/plat_file.h"
 #include "platform/registry.h"
 
@@ -309,26 +310,28 @@ void vl_logLevel(const char *source, int line, int level, const WCHAR *format, F
 /* --------------------------------------------------------------------------- memory snapshot */
 
 void vl_memorySnapshot(const char *label) {
-    /* The shared memory heap and the image cache belong to the memory organisation, which is not
-     * part of this program yet: their columns show 0. */
     MEMORYSTATUS ms;
     memset(&ms, 0, sizeof(ms));
     ms.dwLength = sizeof(ms);
     GlobalMemoryStatus(&ms);
     DWORD usedPhys = (DWORD)(ms.dwTotalPhys - ms.dwAvailPhys);
     DWORD usedVirt = (DWORD)(ms.dwTotalVirtual - ms.dwAvailVirtual);
+    /* The shared memory heap and the image (map) cache of the memory organisation. */
+    DWORD heapSize = 0, heapFree = 0, heapUse = 0;
+    os_getSharedMemHeapFigures(&heapSize, &heapFree, &heapUse);
+    LONG imageCache = wince_getMapCacheSize();
     const double mb = 1.0 / 1048576.0;
     vl_printA("\n        MEMORYSTATUS, Tick Count, TotalPhys, AvailPhys, UsedPhys, UsedPages,  TotalVirt,  "
               "AvailVirt,  UsedVirt, UsedVirtPages, MemLoad, MemHeapSize, MemHeapFree, UsedMemHeap, ImageCache\n");
     vl_printA("%20hs, %10d, %9d, %9d, %8d, %9d, %10d, %10d, %9d, %13d, %7d, %11d, %11d, %11d, %10d\n",
               label ? label : "", GetTickCount(), (DWORD)ms.dwTotalPhys, (DWORD)ms.dwAvailPhys, usedPhys,
               usedPhys / 4096, (DWORD)ms.dwTotalVirtual, (DWORD)ms.dwAvailVirtual, usedVirt, usedVirt / 4096,
-              ms.dwMemoryLoad, 0, 0, 0, 0);
+              ms.dwMemoryLoad, heapSize, heapFree, heapUse, imageCache);
     vl_printA("                  MB, %10d, %9.2f, %9.2f, %8.2f, %9d, %10.2f, %10.2f, %9.2f, %13d, %7d, %11.2f, "
               "%11.2f, %11d, %10.2f\n",
               GetTickCount(), ms.dwTotalPhys * mb, ms.dwAvailPhys * mb, usedPhys * mb, usedPhys / 4096,
               ms.dwTotalVirtual * mb, ms.dwAvailVirtual * mb, usedVirt * mb, usedVirt / 4096, ms.dwMemoryLoad,
-              0.0, 0.0, 0, 0.0);
+              heapSize * mb, heapFree * mb, heapUse, imageCache * mb);
 }
 
 /* ---------------------------------------------------------------------------------- VLVERIFY */
@@ -428,8 +431,7 @@ int ReadDebugIniFileDbgSettings(CIniFile *iniFile, const char *section) {
         vl_readBool(iniFile, section, "Increment", &s.increment);
         char name[260];
         if (iniFile->getString(section, "DebugFile", name, sizeof(name))) {
-            strncpy(s.fileName, name, sizeof(s.fileName) - 1);
-            s.fileName[sizeof(s.fileName) - 1] = 0;
+            uni_snprintf(s.fileName, sizeof(s.fileName), "%hs", name);
         }
         vl_readBool(iniFile, section, "DebugToASCII", &s.ascii);
         s.toFile = TRUE;

@@ -9,6 +9,8 @@
 
 namespace testing_support {
 
+const char kDeviceSettingsFile[] = "\\My Flash Disk\\Program Files\\Velmar\\Waylume_CE\\UserData\\device_settings.ini";
+
 TestDevice::TestDevice(const std::string &profile, bool keep) : m_keep(keep) {
     std::string tmpl = (sim::fs::temp_directory_path() / "tarsk-test-XXXXXX").string();
     std::vector<char> buf(tmpl.begin(), tmpl.end());

@@ -32,6 +32,10 @@ private:
     bool m_keep;
 };
 
+// Where the device settings are read from when paths.xml names no settings folder. Without the file
+// every allocation retries the load and logs its failure, so tests that read the log put one there.
+extern const char kDeviceSettingsFile[];
+
 // All the diagnostic log holds, oldest first (its ring buffer of the last 2047 characters).
 std::string logText();
 bool logged(const std::string &text);
