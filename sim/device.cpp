@@ -579,6 +579,12 @@ std::optional<DWORD> Device::failure(const std::string &call) {
     return error;
 }
 
+bool Device::injected(const std::string &call) {
+    std::optional<DWORD> error = failure(call);
+    if (error) setLastError(*error);
+    return error.has_value();
+}
+
 void Device::setFailure(const std::string &call, std::optional<DWORD> error, unsigned nth, unsigned times) {
     std::lock_guard<std::mutex> lock(m_mutex);
     if (error) m_failures[call] = Injected{*error, nth, times};

@@ -275,6 +275,8 @@ public:
     // call; or name = { error = E, nth = N, times = K }, the K calls from the Nth on, K 0 for no end,
     // K 1 when not given).
     std::optional<DWORD> failure(const std::string &call);
+    // The same, for a call that fails by leaving the error as the last error: true when it must fail.
+    bool injected(const std::string &call);
     void setFailure(const std::string &call, std::optional<DWORD> error, unsigned nth = 0, unsigned times = 1);
     void setCrash(const std::string &call, unsigned nth);   // 0 clears it
     unsigned callCount(const std::string &call) const;

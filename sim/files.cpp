@@ -47,15 +47,6 @@ constexpr DWORD kErrorNegativeSeek = 131;          // ERROR_NEGATIVE_SEEK
 constexpr DWORD kErrorFilenameExcedRange = 206;    // ERROR_FILENAME_EXCED_RANGE
 constexpr DWORD kErrorDirectory = 267;             // ERROR_DIRECTORY
 
-// A failure asked for by the profile's [fail] table.
-bool injected(const char *call) {
-    if (auto e = dev().failure(call)) {
-        setLastError(*e);
-        return true;
-    }
-    return false;
-}
-
 // ---------------------------------------------------------------- names
 
 // Case folding for name comparison: ASCII, Latin-1, Latin Extended-A, Greek and Cyrillic capitals.
@@ -495,7 +486,7 @@ HANDLE WINAPI CreateFileW(LPCWSTR name, DWORD access, DWORD /*share*/, LPSECURIT
         setLastError(ERROR_FILE_NOT_FOUND);
         return INVALID_HANDLE_VALUE;
     }
-    if (injected("CreateFileW")) return INVALID_HANDLE_VALUE;
+    if (dev().injected("CreateFileW")) return INVALID_HANDLE_VALUE;
     if (disposition < CREATE_NEW || disposition > TRUNCATE_EXISTING) {
         setLastError(ERROR_INVALID_PARAMETER);
         return INVALID_HANDLE_VALUE;
@@ -584,7 +575,7 @@ HANDLE WINAPI CreateFileW(LPCWSTR name, DWORD access, DWORD /*share*/, LPSECURIT
 
 BOOL WINAPI ReadFile(HANDLE h, LPVOID buffer, DWORD toRead, LPDWORD read, LPOVERLAPPED overlapped) {
     if (read) *read = 0;
-    if (injected("ReadFile")) return FALSE;
+    if (dev().injected("ReadFile")) return FALSE;
     std::shared_ptr<FileObject> f = fileOf(h);
     if (!f) return FALSE;
     if (overlapped || (!buffer && toRead)) {
@@ -614,7 +605,7 @@ BOOL WINAPI ReadFile(HANDLE h, LPVOID buffer, DWORD toRead, LPDWORD read, LPOVER
 
 BOOL WINAPI WriteFile(HANDLE h, LPCVOID buffer, DWORD toWrite, LPDWORD written, LPOVERLAPPED overlapped) {
     if (written) *written = 0;
-    if (injected("WriteFile")) return FALSE;
+    if (dev().injected("WriteFile")) return FALSE;
     std::shared_ptr<FileObject> f = fileOf(h);
     if (!f) return FALSE;
     if (overlapped || (!buffer && toWrite)) {
@@ -649,7 +640,7 @@ BOOL WINAPI WriteFile(HANDLE h, LPCVOID buffer, DWORD toWrite, LPDWORD written, 
 }
 
 DWORD WINAPI SetFilePointer(HANDLE h, LONG distance, PLONG distanceHigh, DWORD method) {
-    if (injected("SetFilePointer")) return INVALID_SET_FILE_POINTER;
+    if (dev().injected("SetFilePointer")) return INVALID_SET_FILE_POINTER;
     std::shared_ptr<FileObject> f = fileOf(h);
     if (!f) return INVALID_SET_FILE_POINTER;
     std::lock_guard<std::mutex> lock(f->m);
@@ -688,7 +679,7 @@ DWORD WINAPI SetFilePointer(HANDLE h, LONG distance, PLONG distanceHigh, DWORD m
 }
 
 DWORD WINAPI GetFileSize(HANDLE h, LPDWORD sizeHigh) {
-    if (injected("GetFileSize")) return INVALID_FILE_SIZE;
+    if (dev().injected("GetFileSize")) return INVALID_FILE_SIZE;
     std::shared_ptr<FileObject> f = fileOf(h);
     if (!f) return INVALID_FILE_SIZE;
     struct stat st;
@@ -704,12 +695,12 @@ DWORD WINAPI GetFileSize(HANDLE h, LPDWORD sizeHigh) {
 
 // Every write reaches the host at once; nothing is held back to flush.
 BOOL WINAPI FlushFileBuffers(HANDLE h) {
-    if (injected("FlushFileBuffers")) return FALSE;
+    if (dev().injected("FlushFileBuffers")) return FALSE;
     return fileOf(h) ? TRUE : FALSE;
 }
 
 BOOL WINAPI DeleteFileW(LPCWSTR name) {
-    if (injected("DeleteFileW")) return FALSE;
+    if (dev().injected("DeleteFileW")) return FALSE;
     std::optional<Where> w = locate(name);
     if (!w) return FALSE;
     if (!w->exists) {
@@ -734,7 +725,7 @@ BOOL WINAPI DeleteFileW(LPCWSTR name) {
 }
 
 HANDLE WINAPI FindFirstFileW(LPCWSTR pattern, LPWIN32_FIND_DATAW data) {
-    if (injected("FindFirstFileW")) return INVALID_HANDLE_VALUE;
+    if (dev().injected("FindFirstFileW")) return INVALID_HANDLE_VALUE;
     if (!data) {
         setLastError(ERROR_INVALID_PARAMETER);
         return INVALID_HANDLE_VALUE;
@@ -751,7 +742,7 @@ HANDLE WINAPI FindFirstFileW(LPCWSTR pattern, LPWIN32_FIND_DATAW data) {
     }
     std::u16string pat = w->last;
     bool wild = pat.find_first_of(u"*?") != std::u16string::npos;
-    if (pat == u"*.*") pat = u"*";
+    if (pat == u"*.*") pat.assign(1, u'*');
     fs::path folder = w->host.parent_path();
     std::vector<std::string> names;
     std::error_code ec;
@@ -783,7 +774,7 @@ HANDLE WINAPI FindFirstFileW(LPCWSTR pattern, LPWIN32_FIND_DATAW data) {
 }
 
 BOOL WINAPI FindNextFileW(HANDLE h, LPWIN32_FIND_DATAW data) {
-    if (injected("FindNextFileW")) return FALSE;
+    if (dev().injected("FindNextFileW")) return FALSE;
     std::shared_ptr<FindObject> f = dev().objects().getAs<FindObject>(h);
     if (!f) {
         setLastError(ERROR_INVALID_HANDLE);
@@ -812,7 +803,7 @@ BOOL WINAPI FindClose(HANDLE h) {
 }
 
 DWORD WINAPI GetFileAttributesW(LPCWSTR name) {
-    if (injected("GetFileAttributesW")) return INVALID_FILE_ATTRIBUTES;
+    if (dev().injected("GetFileAttributesW")) return INVALID_FILE_ATTRIBUTES;
     std::optional<Where> w = locate(name);
     if (!w) return INVALID_FILE_ATTRIBUTES;
     HostFacts facts;
@@ -824,7 +815,7 @@ DWORD WINAPI GetFileAttributesW(LPCWSTR name) {
 }
 
 BOOL WINAPI CreateDirectoryW(LPCWSTR name, LPSECURITY_ATTRIBUTES) {
-    if (injected("CreateDirectoryW")) return FALSE;
+    if (dev().injected("CreateDirectoryW")) return FALSE;
     std::optional<Where> w = locate(name);
     if (!w) return FALSE;
     if (w->exists || w->isRoot) {
@@ -847,7 +838,7 @@ BOOL WINAPI CreateDirectoryW(LPCWSTR name, LPSECURITY_ATTRIBUTES) {
 }
 
 BOOL WINAPI RemoveDirectoryW(LPCWSTR name) {
-    if (injected("RemoveDirectoryW")) return FALSE;
+    if (dev().injected("RemoveDirectoryW")) return FALSE;
     std::optional<Where> w = locate(name);
     if (!w) return FALSE;
     if (!w->exists) {
@@ -873,7 +864,7 @@ BOOL WINAPI RemoveDirectoryW(LPCWSTR name) {
 
 BOOL WINAPI GetDiskFreeSpaceExW(LPCWSTR folder, PULARGE_INTEGER freeToCaller, PULARGE_INTEGER total,
                                 PULARGE_INTEGER totalFree) {
-    if (injected("GetDiskFreeSpaceExW")) return FALSE;
+    if (dev().injected("GetDiskFreeSpaceExW")) return FALSE;
     std::optional<Where> w = locate(folder ? folder : u"\\");
     if (!w) return FALSE;
     if (!w->exists) {

@@ -63,10 +63,7 @@ uint64_t Heaps::roomLocked(const Heap &h) const {
 }
 
 HANDLE Heaps::create(DWORD, SIZE_T initial, SIZE_T maximum) {
-    if (auto e = m_dev.failure("HeapCreate")) {
-        setLastError(*e);
-        return nullptr;
-    }
+    if (m_dev.injected("HeapCreate")) return nullptr;
     if (maximum && maximum < initial) {
         setLastError(ERROR_INVALID_PARAMETER);
         return nullptr;
@@ -81,10 +78,7 @@ HANDLE Heaps::create(DWORD, SIZE_T initial, SIZE_T maximum) {
 }
 
 BOOL Heaps::destroy(HANDLE heap) {
-    if (auto e = m_dev.failure("HeapDestroy")) {
-        setLastError(*e);
-        return FALSE;
-    }
+    if (m_dev.injected("HeapDestroy")) return FALSE;
     std::lock_guard<std::mutex> lock(m_mutex);
     Heap *h = heapOf(heap);
     if (!h) {
@@ -128,10 +122,7 @@ void *Heaps::alloc(HANDLE heap, DWORD flags, SIZE_T bytes) {
 }
 
 BOOL Heaps::free(HANDLE heap, DWORD, void *block) {
-    if (auto e = m_dev.failure("HeapFree")) {
-        setLastError(*e);
-        return FALSE;
-    }
+    if (m_dev.injected("HeapFree")) return FALSE;
     return release(heap, block);
 }
 
@@ -158,10 +149,7 @@ BOOL Heaps::release(HANDLE heap, void *block) {
 }
 
 SIZE_T Heaps::compact(HANDLE heap, DWORD) {
-    if (auto e = m_dev.failure("HeapCompact")) {
-        setLastError(*e);
-        return 0;
-    }
+    if (m_dev.injected("HeapCompact")) return 0;
     std::lock_guard<std::mutex> lock(m_mutex);
     Heap *h = heapOf(heap);
     if (!h) {

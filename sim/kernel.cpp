@@ -233,10 +233,7 @@ BOOL Kernel::ioControl(DWORD code, const void *in, DWORD inSize, void *out, DWOR
 }
 
 bool Kernel::storeInformation(STORE_INFORMATION *out) {
-    if (auto e = m_dev.failure("GetStoreInformation")) {
-        setLastError(*e);
-        return false;
-    }
+    if (m_dev.injected("GetStoreInformation")) return false;
     if (!out) {
         setLastError(ERROR_INVALID_PARAMETER);
         return false;

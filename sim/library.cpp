@@ -254,10 +254,7 @@ HMODULE Libraries::load(const WCHAR *name) {
 }
 
 BOOL Libraries::release(HMODULE module) {
-    if (auto e = m_dev.failure("FreeLibrary")) {
-        setLastError(*e);
-        return FALSE;
-    }
+    if (m_dev.injected("FreeLibrary")) return FALSE;
     std::lock_guard<std::mutex> lock(m_mutex);
     Module *m = moduleOf(module);
     if (!m) {
@@ -269,10 +266,7 @@ BOOL Libraries::release(HMODULE module) {
 }
 
 FARPROC Libraries::procAddress(HMODULE module, const WCHAR *name) {
-    if (auto e = m_dev.failure("GetProcAddressW")) {
-        setLastError(*e);
-        return nullptr;
-    }
+    if (m_dev.injected("GetProcAddressW")) return nullptr;
     std::lock_guard<std::mutex> lock(m_mutex);
     Module *m = moduleOf(module);
     if (!m) {
@@ -312,10 +306,7 @@ Libraries::Division Libraries::division() const {
 }
 
 BOOL Libraries::getDivision(DWORD *storePages, DWORD *ramPages, DWORD *pageSize) {
-    if (auto e = m_dev.failure("GetSystemMemoryDivision")) {
-        setLastError(*e);
-        return FALSE;
-    }
+    if (m_dev.injected("GetSystemMemoryDivision")) return FALSE;
     if (!storePages || !ramPages || !pageSize) {
         setLastError(ERROR_INVALID_PARAMETER);
         return FALSE;

@@ -90,13 +90,64 @@ BOOL WINAPI CloseHandle(HANDLE h) {
 
 // ---------------------------------------------------------------- critical sections
 
-void WINAPI InitializeCriticalSection(LPCRITICAL_SECTION cs) { cs->impl = new std::recursive_mutex; }
+// An owner and a recursion count. A thread that must wait for the section waits through the device's
+// clock, so that it counts as blocked and device time can move on (deterministic time would
+// otherwise stand still while it waits); with no device installed it waits on the host.
+namespace {
+struct CriticalSection {
+    std::mutex mutex;
+    std::condition_variable released;
+    DWORD owner = 0;
+    unsigned count = 0;
+    unsigned waiting = 0;
+    bool tryTake(DWORD self) {   // with mutex held
+        if (owner != 0 && owner != self) return false;
+        owner = self;
+        ++count;
+        return true;
+    }
+};
+CriticalSection *sectionOf(LPCRITICAL_SECTION cs) { return static_cast<CriticalSection *>(cs->impl); }
+}  // namespace
+
+void WINAPI InitializeCriticalSection(LPCRITICAL_SECTION cs) { cs->impl = new CriticalSection; }
 void WINAPI DeleteCriticalSection(LPCRITICAL_SECTION cs) {
-    delete static_cast<std::recursive_mutex *>(cs->impl);
+    delete sectionOf(cs);
     cs->impl = nullptr;
 }
-void WINAPI EnterCriticalSection(LPCRITICAL_SECTION cs) { static_cast<std::recursive_mutex *>(cs->impl)->lock(); }
-void WINAPI LeaveCriticalSection(LPCRITICAL_SECTION cs) { static_cast<std::recursive_mutex *>(cs->impl)->unlock(); }
+void WINAPI EnterCriticalSection(LPCRITICAL_SECTION cs) {
+    CriticalSection *c = sectionOf(cs);
+    const DWORD self = GetCurrentThreadId();
+    {
+        std::lock_guard<std::mutex> hold(c->mutex);
+        if (c->tryTake(self)) return;
+        ++c->waiting;
+    }
+    bool taken = false;
+    if (Device *d = Device::current()) {
+        std::unique_lock<std::mutex> lock(d->clock().mutex());
+        taken = d->clock().wait(lock, [&] {
+            std::lock_guard<std::mutex> hold(c->mutex);
+            return c->tryTake(self);
+        }, INFINITE);
+    }
+    std::unique_lock<std::mutex> hold(c->mutex);
+    if (!taken) c->released.wait(hold, [&] { return c->tryTake(self); });   // no device, or it went
+    --c->waiting;
+}
+void WINAPI LeaveCriticalSection(LPCRITICAL_SECTION cs) {
+    CriticalSection *c = sectionOf(cs);
+    bool wake;
+    {
+        std::lock_guard<std::mutex> hold(c->mutex);
+        if (c->owner != GetCurrentThreadId() || c->count == 0) return;   // not held by this thread
+        if (--c->count == 0) c->owner = 0;
+        wake = c->count == 0 && c->waiting > 0;
+    }
+    if (!wake) return;
+    c->released.notify_all();
+    if (Device *d = Device::current()) d->clock().notify();
+}
 
 // ---------------------------------------------------------------- interlocked
 
@@ -114,10 +165,7 @@ LONG WINAPI InterlockedExchange(LONG volatile *p, LONG v) { return __atomic_exch
 HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES, SIZE_T, LPTHREAD_START_ROUTINE start, LPVOID param,
                            DWORD, LPDWORD threadId) {
     Device &d = dev();
-    if (auto e = d.failure("CreateThread")) {
-        SetLastError(*e);
-        return nullptr;
-    }
+    if (d.injected("CreateThread")) return nullptr;
     auto obj = std::make_shared<ThreadObject>();
     obj->id = g_nextThreadId.fetch_add(4);
     if (threadId) *threadId = obj->id;
@@ -139,10 +187,7 @@ HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES, SIZE_T, LPTHREAD_START_ROUTINE
 }
 
 BOOL WINAPI SetThreadPriority(HANDLE h, int priority) {
-    if (auto e = dev().failure("SetThreadPriority")) {
-        SetLastError(*e);
-        return FALSE;
-    }
+    if (dev().injected("SetThreadPriority")) return FALSE;
     auto t = dev().objects().getAs<ThreadObject>(h);
     if (h == GetCurrentThread()) {
         t_priority = priority;
@@ -178,10 +223,7 @@ DWORD WINAPI GetCurrentProcessId(void) { return DWORD(::getpid()); }
 // ---------------------------------------------------------------- events and mutexes
 
 HANDLE WINAPI CreateEventW(LPSECURITY_ATTRIBUTES, BOOL manual, BOOL initial, LPCWSTR) {
-    if (auto err = dev().failure("CreateEventW")) {
-        SetLastError(*err);
-        return nullptr;
-    }
+    if (dev().injected("CreateEventW")) return nullptr;
     auto e = std::make_shared<EventObject>();
     e->manual = manual != FALSE;
     e->signalled = initial != FALSE;
@@ -202,10 +244,7 @@ BOOL WINAPI SetEvent(HANDLE h) { return setEvent(h, true); }
 BOOL WINAPI ResetEvent(HANDLE h) { return setEvent(h, false); }
 
 HANDLE WINAPI CreateMutexW(LPSECURITY_ATTRIBUTES, BOOL initialOwner, LPCWSTR lpName) {
-    if (auto e = dev().failure("CreateMutexW")) {
-        SetLastError(*e);
-        return nullptr;
-    }
+    if (dev().injected("CreateMutexW")) return nullptr;
     std::u16string name = sim::wide(lpName);
     std::shared_ptr<MutexObject> m;
     bool exists = false;
@@ -257,10 +296,7 @@ BOOL WINAPI ReleaseMutex(HANDLE h) {
 
 DWORD WINAPI WaitForSingleObject(HANDLE h, DWORD ms) {
     Device &d = dev();
-    if (auto e = d.failure("WaitForSingleObject")) {
-        SetLastError(*e);
-        return WAIT_FAILED;
-    }
+    if (d.injected("WaitForSingleObject")) return WAIT_FAILED;
     auto w = d.objects().getAs<Waitable>(h);
     if (!w) {
         SetLastError(ERROR_INVALID_HANDLE);

@@ -463,23 +463,23 @@ using namespace sim;
 // ---------------------------------------------------------------- the API
 
 HANDLE CreateMsgQueue(LPCWSTR lpName, LPMSGQUEUEOPTIONS lpOptions) {
-    if (auto e = dev().failure("CreateMsgQueue")) { SetLastError(*e); return NULL; }
+    if (dev().injected("CreateMsgQueue")) return NULL;
     return dev().power().createQueue(lpName, lpOptions);
 }
 
 BOOL ReadMsgQueue(HANDLE hMsgQ, LPVOID lpBuffer, DWORD cbBufferSize, LPDWORD lpNumberOfBytesRead, DWORD dwTimeout,
                   DWORD *pdwFlags) {
-    if (auto e = dev().failure("ReadMsgQueue")) { SetLastError(*e); return FALSE; }
+    if (dev().injected("ReadMsgQueue")) return FALSE;
     return dev().power().readQueue(hMsgQ, lpBuffer, cbBufferSize, lpNumberOfBytesRead, dwTimeout, pdwFlags);
 }
 
 BOOL WriteMsgQueue(HANDLE hMsgQ, LPVOID lpBuffer, DWORD cbDataSize, DWORD dwTimeout, DWORD dwFlags) {
-    if (auto e = dev().failure("WriteMsgQueue")) { SetLastError(*e); return FALSE; }
+    if (dev().injected("WriteMsgQueue")) return FALSE;
     return dev().power().writeQueue(hMsgQ, lpBuffer, cbDataSize, dwTimeout, dwFlags);
 }
 
 BOOL CloseMsgQueue(HANDLE hMsgQ) {
-    if (auto e = dev().failure("CloseMsgQueue")) { SetLastError(*e); return FALSE; }
+    if (dev().injected("CloseMsgQueue")) return FALSE;
     if (!dev().objects().getAs<MsgQueueHandle>(hMsgQ) || !dev().objects().close(hMsgQ)) {
         SetLastError(ERROR_INVALID_HANDLE);
         return FALSE;
@@ -488,7 +488,7 @@ BOOL CloseMsgQueue(HANDLE hMsgQ) {
 }
 
 HANDLE RequestPowerNotifications(HANDLE hMsgQ, DWORD Flags) {
-    if (auto e = dev().failure("RequestPowerNotifications")) { SetLastError(*e); return NULL; }
+    if (dev().injected("RequestPowerNotifications")) return NULL;
     return dev().power().requestPower(hMsgQ, Flags);
 }
 
@@ -500,7 +500,7 @@ DWORD StopPowerNotifications(HANDLE h) {
 }
 
 DWORD GetSystemPowerStatusEx2(PSYSTEM_POWER_STATUS_EX2 pSystemPowerStatusEx2, DWORD dwLen, BOOL) {
-    if (auto e = dev().failure("GetSystemPowerStatusEx2")) { SetLastError(*e); return 0; }
+    if (dev().injected("GetSystemPowerStatusEx2")) return 0;
     return dev().power().statusEx2(pSystemPowerStatusEx2, dwLen);
 }
 
@@ -523,11 +523,11 @@ DWORD SetSystemPowerState(LPCWSTR pwsSystemState, DWORD StateFlags, DWORD Option
 }
 
 HANDLE RequestDeviceNotifications(LPCGUID devclass, HANDLE hMsgQ, BOOL fAll) {
-    if (auto e = dev().failure("RequestDeviceNotifications")) { SetLastError(*e); return NULL; }
+    if (dev().injected("RequestDeviceNotifications")) return NULL;
     return dev().power().requestDevice(devclass, hMsgQ, fAll);
 }
 
 BOOL StopDeviceNotifications(HANDLE h) {
-    if (auto e = dev().failure("StopDeviceNotifications")) { SetLastError(*e); return FALSE; }
+    if (dev().injected("StopDeviceNotifications")) return FALSE;
     return dev().power().stopDevice(h);
 }

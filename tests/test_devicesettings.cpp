@@ -1,6 +1,6 @@
 // velmar::CDeviceSettings on a simulated device whose library answers hardware version 3 and GPS chip
 // 1: the file's place, the sections applied in file order, the key conversions and their deliberate
-// oddities, the retry while the file is missing, the recursion guard.
+// oddities, the retry while the file is missing, the recursion guard and a second thread's first access.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -156,6 +156,40 @@ TEST(DeviceSettings, AccessDuringConstructReturnsTheInstanceUntouched) {
     CDeviceSettings *outer = velmar::getDeviceSettings();
     velmar::setDeviceSettingsObserver(NULL);
     EXPECT_EQ(g_inner, outer);
+    EXPECT_EQ(g_readings, 1);
+}
+
+// A second thread's first access while construct runs waits for it, and finds the settings loaded:
+// construct runs once. The second thread is still waiting 100 ms later (it counts as blocked, so
+// device time moves on).
+struct Concurrent {
+    HANDLE thread = NULL;
+    DWORD waitedOut = 0;
+    int retries = -1;
+} g_concurrent;
+DWORD WINAPI secondAccess(LPVOID) {
+    g_concurrent.retries = velmar::getDeviceSettings()->m_nTMCCommandRetry;
+    return 0;
+}
+void startSecond(int event, int, const char *, const char *, const char *) {
+    if (event != DS_EVENT_READING) return;
+    ++g_readings;
+    if (g_concurrent.thread != NULL) return;
+    g_concurrent.thread = CreateThread(NULL, 0, secondAccess, NULL, 0, NULL);
+    g_concurrent.waitedOut = WaitForSingleObject(g_concurrent.thread, 100);
+}
+
+TEST(DeviceSettings, SecondThreadWaitsForTheFirstAccess) {
+    SettingsDevice td;
+    td.put(kDeviceSettingsFile, "[Default]\r\ntmc command retry=3\r\n");
+    velmar::setDeviceSettingsObserver(startSecond);
+    EXPECT_EQ(velmar::getDeviceSettings()->m_nTMCCommandRetry, 3);
+    ASSERT_NE(g_concurrent.thread, (HANDLE)NULL);
+    EXPECT_EQ(WaitForSingleObject(g_concurrent.thread, INFINITE), WAIT_OBJECT_0);
+    velmar::setDeviceSettingsObserver(NULL);
+    CloseHandle(g_concurrent.thread);
+    EXPECT_EQ(g_concurrent.waitedOut, WAIT_TIMEOUT);
+    EXPECT_EQ(g_concurrent.retries, 3);
     EXPECT_EQ(g_readings, 1);
 }
 

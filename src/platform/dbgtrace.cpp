@@ -4,6 +4,7 @@
 #include "platform/dbgtrace.h"
 
 #include "platform/platform.h"
+#include "sal/concurrency/lazylock.h"
 
 #include <string.h>
 
@@ -13,8 +14,7 @@ const char *g_salTraceProcessTag = "tarsk";
 static void sal_traceToLog(const char *text) { vl_printA("%hs", text); }
 SalTraceOutput g_salTraceOutput = sal_traceToLog;
 
-static CRITICAL_SECTION g_traceLock;
-static volatile LONG g_traceLockState = 0;   /* 0 none, 1 being made, 2 ready */
+static SalLazyLock g_traceLock;
 static const char *g_traceFile = "";
 static int g_traceLine = 0;
 static LONG g_traceSequence = 0;
@@ -27,15 +27,7 @@ static struct {
 } g_traceThreads[SAL_TRACE_THREADS];
 
 void sal_traceBegin(const char *source, int line) {
-    if (g_traceLockState != 2) {
-        if (InterlockedCompareExchange(&g_traceLockState, 1, 0) == 0) {
-            InitializeCriticalSection(&g_traceLock);
-            InterlockedExchange(&g_traceLockState, 2);
-        } else {
-            while (g_traceLockState != 2) Sleep(10);
-        }
-    }
-    EnterCriticalSection(&g_traceLock);
+    sal_lazyLockEnter(&g_traceLock);
     const char *file = source ? source : "";
     const char *slash = strrchr(file, '/');
     g_traceFile = slash ? slash + 1 : file;
@@ -84,5 +76,5 @@ void sal_trace(int category, DWORD bit, const char *format, FMT_ARGS_DEF) {
         }
         if (g_salTraceOutput) g_salTraceOutput(line);
     }
-    if (g_traceLockState == 2) LeaveCriticalSection(&g_traceLock);
+    sal_lazyLockLeave(&g_traceLock);
 }

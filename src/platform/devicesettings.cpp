@@ -12,6 +12,7 @@
 #include "platform/plat_file.h"
 #include "platform/plat_unicode.h"
 #include "platform/platform.h"
+#include "sal/concurrency/lazylock.h"
 
 #include <stddef.h>
 #include <stdlib.h>
@@ -90,8 +91,7 @@ static volatile LONG g_notLoaded = 1;
 static BOOL g_accessed = FALSE;
 /* The thread running construct for getDeviceSettings, 0 when none. */
 static volatile DWORD g_constructThread = 0;
-static CRITICAL_SECTION g_constructLock;
-static volatile LONG g_constructLockState = 0;   /* 0 none, 1 being made, 2 ready */
+static SalLazyLock g_constructLock;
 
 /* The instance whose construct is enumerating: the key callbacks have no context of their own. */
 static CDeviceSettings *g_reading = NULL;
@@ -102,31 +102,13 @@ static const char kDefaultBasePath[] = "\\Program Files\\Velmar\\Waylume_CE\\Use
 
 /* ------------------------------------------------------------------------------ the accessor */
 
-/* At process exit. A later access (a static object's destructor freeing memory) makes the lock anew. */
-static void ds_destroyLock(void) {
-    if (InterlockedCompareExchange(&g_constructLockState, 0, 2) == 2) DeleteCriticalSection(&g_constructLock);
-}
-
-static void ds_enterLock(void) {
-    if (g_constructLockState != 2) {
-        if (InterlockedCompareExchange(&g_constructLockState, 1, 0) == 0) {
-            InitializeCriticalSection(&g_constructLock);
-            atexit(ds_destroyLock);
-            InterlockedExchange(&g_constructLockState, 2);
-        } else {
-            while (g_constructLockState != 2) Sleep(10);
-        }
-    }
-    EnterCriticalSection(&g_constructLock);
-}
-
 CDeviceSettings *getDeviceSettings(void) {
     if (g_notLoaded) {
         DWORD self = GetCurrentThreadId();
         /* construct allocates through the framework's allocators, which come back here: that call
          * gets the instance as it stands. The lock is recursive, so this is tested before it. */
         if (g_constructThread == self) return &g_deviceSettings;
-        ds_enterLock();
+        sal_lazyLockEnter(&g_constructLock);
         if (!g_accessed) {
             g_deviceSettings.m_nHardwareVersion = -1;
             g_accessed = TRUE;
@@ -136,7 +118,7 @@ CDeviceSettings *getDeviceSettings(void) {
             if (g_deviceSettings.construct()) InterlockedExchange(&g_notLoaded, 0);
             g_constructThread = 0;
         }
-        LeaveCriticalSection(&g_constructLock);
+        sal_lazyLockLeave(&g_constructLock);
     }
     return &g_deviceSettings;
 }

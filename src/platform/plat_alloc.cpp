@@ -18,6 +18,7 @@
 #include "platform/inifile.h"
 #include "platform/memheap.h"
 #include "platform/platform.h"
+#include "sal/concurrency/lazylock.h"
 
 #include <new>
 #include <stdlib.h>
@@ -63,22 +64,10 @@ static void os_processEnding(void) { gs_bProcessEnding = TRUE; }
 static volatile LONG gs_setUpState = 0;
 
 /* Guards the making of the private heap and of the shared heap object. */
-static CRITICAL_SECTION gs_makeLock;
-static volatile LONG gs_makeLockState = 0;   /* 0 none, 1 being made, 2 ready */
+static SalLazyLock gs_makeLock;
 
-static void os_enterMakeLock(void) {
-    if (gs_makeLockState != 2) {
-        if (InterlockedCompareExchange(&gs_makeLockState, 1, 0) == 0) {
-            InitializeCriticalSection(&gs_makeLock);
-            InterlockedExchange(&gs_makeLockState, 2);
-        } else {
-            while (gs_makeLockState != 2) Sleep(1);
-        }
-    }
-    EnterCriticalSection(&gs_makeLock);
-}
-
-static void os_leaveMakeLock(void) { LeaveCriticalSection(&gs_makeLock); }
+static void os_enterMakeLock(void) { sal_lazyLockEnter(&gs_makeLock); }
+static void os_leaveMakeLock(void) { sal_lazyLockLeave(&gs_makeLock); }
 
 /* Where the shared heap's partitions come from: the private heap, or the local heap without one. */
 static void *os_partitionFromProcessHeap(DWORD size) { return HeapAlloc(gs_hProcessHeap, 0, size); }

@@ -2,6 +2,7 @@
  * The diagnostic log: line composition, the writer and its sinks, debug.ini, VLVERIFY.
  */
 #include "platform/platform.h"
+#include "sal/concurrency/lazylock.h"
 
 #include "platform/inifile.h"
 #include "platform/plat_alloc.h"
@@ -78,31 +79,14 @@ void vl_log(const VLLogRecord &rec, const WCHAR *format, FMT_ARGS_DEF) {
 
 /* ------------------------------------------------------------------------------------ writer */
 
-static CRITICAL_SECTION g_logLock;
-static volatile LONG g_logLockState = 0;   /* 0 none, 1 being made, 2 ready */
+static SalLazyLock g_logLock;
 
 static WCHAR g_ring[2048];
 static int g_ringPosition = 0;
 static BOOL g_ringWrapped = FALSE;
 static HANDLE g_logFile = NULL;
 
-/* At process exit. A message written later (by a static object's destructor) makes the lock anew. */
-static void vl_destroyLock(void) {
-    if (InterlockedCompareExchange(&g_logLockState, 0, 2) == 2) DeleteCriticalSection(&g_logLock);
-}
-
-static void vl_enterLock(void) {
-    if (g_logLockState != 2) {
-        if (InterlockedCompareExchange(&g_logLockState, 1, 0) == 0) {
-            InitializeCriticalSection(&g_logLock);
-            atexit(vl_destroyLock);
-            InterlockedExchange(&g_logLockState, 2);
-        } else {
-            while (g_logLockState != 2) Sleep(10);
-        }
-    }
-    EnterCriticalSection(&g_logLock);
-}
+static void vl_enterLock(void) { sal_lazyLockEnter(&g_logLock); }
 
 static HANDLE vl_openA(const char *name, const WCHAR *mode) {
     WCHAR wname[MAX_PATH];
@@ -188,7 +172,7 @@ void vl_write(const WCHAR *format, FMT_ARGS_DEF) {
 
     if (s.toFile && g_logFile == NULL) {
         if (!vl_openLogFile()) {
-            LeaveCriticalSection(&g_logLock);
+            sal_lazyLockLeave(&g_logLock);
             return;
         }
     }
@@ -239,14 +223,14 @@ void vl_write(const WCHAR *format, FMT_ARGS_DEF) {
             if (!WriteFile(s.debugPortHandle, narrow, (DWORD)n, &written, NULL)) os_setLastError(GetLastError());
         }
     }
-    LeaveCriticalSection(&g_logLock);
+    sal_lazyLockLeave(&g_logLock);
 }
 
 void vl_closeLogFile(void) {
     vl_enterLock();
     if (g_logFile != NULL) CloseHandle(g_logFile);
     g_logFile = NULL;
-    LeaveCriticalSection(&g_logLock);
+    sal_lazyLockLeave(&g_logLock);
 }
 
 const WCHAR *vl_ringBuffer(int *position, BOOL *wrapped) {
