@@ -3,7 +3,7 @@ PRESET ?= default
 BUILD  := build/$(PRESET)
 JOBS   ?= 2
 
-.PHONY: all deps configure build test target-check run asan bench clean
+.PHONY: all deps configure build test target-check run asan bench sweep clean
 
 all: build
 
@@ -28,6 +28,11 @@ run: build
 
 asan:
 	@$(MAKE) --no-print-directory test PRESET=asan
+
+# Whole boots with each CE call of the program failing in turn (make test fails only the first and
+# the last call of each name).
+sweep: build
+	@TARSK_SWEEP=full TARSK_SWEEP_JOBS=$(JOBS) $(BUILD)/test_sweep
 
 bench: build
 	@for b in $(BUILD)/bench_*; do $$b; done

@@ -616,7 +616,12 @@ void Device::endProcess(UINT code, const std::string &reason) {
     // The process ended with a code when the program exited or crashed; a reset, a hand-over or a
     // time-out ends the run without one.
     if (reason == "exit" || reason == "crash") m_journal.write("exit", {{"code", code}});
-    m_journal.write("end", {{"reason", reason}});
+    nlohmann::json calls = nlohmann::json::object();
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (const auto &[name, count] : m_calls) calls[name] = count;
+    }
+    m_journal.write("end", {{"reason", reason}, {"calls", calls}});
     m_journal.close();
     std::function<int(UINT, const std::string &)> handler;
     {

@@ -282,9 +282,9 @@ public:
     unsigned callCount(const std::string &call) const;
 
     // What ends the run (TerminateProcess on the current process, a reset, a crash, the runner's
-    // time-out): journals "exit" {code} (for an exit or a crash) and "end" {reason}, runs the end
-    // handler, flushes and ends the host process, with the handler's exit code when one is set, else
-    // with the program's code.
+    // time-out): journals "exit" {code} (for an exit or a crash) and "end" {reason, calls: the CE
+    // calls made, counted by name}, runs the end handler, flushes and ends the host process, with the
+    // handler's exit code when one is set, else with the program's code.
     // Reasons: "exit", "reset", "handed-over", "crash", "timeout". A second call (from another thread
     // while the first runs) waits for the first to end the process.
     [[noreturn]] void endProcess(UINT code, const std::string &reason);

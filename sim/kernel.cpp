@@ -142,12 +142,13 @@ BOOL Kernel::succeed(DWORD code, const void *in, DWORD inSize) {
 
 BOOL Kernel::ioControl(DWORD code, const void *in, DWORD inSize, void *out, DWORD outSize, DWORD *returned) {
     Answers answers;
-    std::optional<DWORD> injected;
+    // [fail] KernelIoControl (every call, or the Nth) as well as [kernel.fail] by control code.
+    std::optional<DWORD> injected = m_dev.failure("KernelIoControl");
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         answers = m_answers;
         auto it = m_failures.find(code);
-        if (it != m_failures.end()) injected = it->second;
+        if (!injected && it != m_failures.end()) injected = it->second;
     }
     if (!out) outSize = 0;
     if (in == nullptr && inSize) return fail(code, in, 0, ERROR_INVALID_PARAMETER);

@@ -9,7 +9,7 @@
 //   region_version = 4           32-bit word at byte 452 of that record
 //   hardware_version = 3         answer to IOCTL_HAL_READ_HW_VERSION (absent: the query fails)
 //   [kernel.fail]                control codes that fail, and the error each sets
-//   '0x80002E78' = 31
+//   '0x80002E78' = 31            ([fail] KernelIoControl fails calls by number, whatever the code)
 //   [memory]                     store_size, store_free, total_phys, avail_phys, total_virtual,
 //                                avail_virtual, memory_load (defaults: a 64 MB device)
 //                                largest_allocation (bytes; LocalAlloc and HeapAlloc refuse anything larger)

@@ -693,60 +693,49 @@ std::shared_ptr<Windows> makeWindows(Device &dev, const toml::table &profile) {
 
 using sim::dev;
 
-namespace {
-
-// Every call passes the device's failure check first: true when it must fail (last error set).
-bool injected(const char *call) {
-    if (auto e = dev().failure(call)) {
-        sim::setLastError(*e);
-        return true;
-    }
-    return false;
-}
-
-}  // namespace
+// Every call passes the device's failure check first (dev().injected: true when it must fail).
 
 ATOM WINAPI RegisterClassW(const WNDCLASSW *lpWndClass) {
-    if (injected("RegisterClassW")) return 0;
+    if (dev().injected("RegisterClassW")) return 0;
     return dev().windows().registerClass(lpWndClass);
 }
 
 HWND WINAPI CreateWindowExW(DWORD dwExStyle, LPCWSTR lpClassName, LPCWSTR lpWindowName, DWORD dwStyle, int X, int Y,
                             int nWidth, int nHeight, HWND hWndParent, HMENU hMenu, HINSTANCE hInstance,
                             LPVOID lpParam) {
-    if (injected("CreateWindowExW")) return NULL;
+    if (dev().injected("CreateWindowExW")) return NULL;
     return dev().windows().createWindow(dwExStyle, lpClassName, lpWindowName, dwStyle, X, Y, nWidth, nHeight,
                                         hWndParent, hMenu, hInstance, lpParam);
 }
 
 BOOL WINAPI DestroyWindow(HWND hWnd) {
-    if (injected("DestroyWindow")) return FALSE;
+    if (dev().injected("DestroyWindow")) return FALSE;
     return dev().windows().destroyWindow(hWnd);
 }
 
 BOOL WINAPI ShowWindow(HWND hWnd, int nCmdShow) {
-    if (injected("ShowWindow")) return FALSE;
+    if (dev().injected("ShowWindow")) return FALSE;
     return dev().windows().showWindow(hWnd, nCmdShow);
 }
 
 BOOL WINAPI UpdateWindow(HWND hWnd) {
-    if (injected("UpdateWindow")) return FALSE;
+    if (dev().injected("UpdateWindow")) return FALSE;
     return dev().windows().updateWindow(hWnd);
 }
 
 BOOL WINAPI IsWindow(HWND hWnd) {
-    if (injected("IsWindow")) return FALSE;
+    if (dev().injected("IsWindow")) return FALSE;
     return dev().windows().isWindow(hWnd) ? TRUE : FALSE;
 }
 
 HWND WINAPI GetParent(HWND hWnd) {
-    if (injected("GetParent")) return NULL;
+    if (dev().injected("GetParent")) return NULL;
     return dev().windows().parentOf(hWnd);
 }
 
 // A failure returns 0, as CE documents for a call that retrieves nothing (the message is zeroed).
 BOOL WINAPI GetMessageW(LPMSG lpMsg, HWND hWnd, UINT wMsgFilterMin, UINT wMsgFilterMax) {
-    if (injected("GetMessageW")) {
+    if (dev().injected("GetMessageW")) {
         if (lpMsg) std::memset(lpMsg, 0, sizeof *lpMsg);
         return FALSE;
     }
@@ -754,65 +743,65 @@ BOOL WINAPI GetMessageW(LPMSG lpMsg, HWND hWnd, UINT wMsgFilterMin, UINT wMsgFil
 }
 
 BOOL WINAPI TranslateMessage(const MSG *) {
-    injected("TranslateMessage");
+    dev().injected("TranslateMessage");
     return FALSE;   // no keyboard: never a character message
 }
 
 LRESULT WINAPI DispatchMessageW(const MSG *lpMsg) {
-    if (injected("DispatchMessageW")) return 0;
+    if (dev().injected("DispatchMessageW")) return 0;
     return dev().windows().dispatch(lpMsg);
 }
 
 BOOL WINAPI PostMessageW(HWND hWnd, UINT Msg, WPARAM wParam, LPARAM lParam) {
-    if (injected("PostMessageW")) return FALSE;
+    if (dev().injected("PostMessageW")) return FALSE;
     return dev().windows().post(hWnd, Msg, wParam, lParam);
 }
 
 LRESULT WINAPI SendMessageW(HWND hWnd, UINT Msg, WPARAM wParam, LPARAM lParam) {
-    if (injected("SendMessageW")) return 0;
+    if (dev().injected("SendMessageW")) return 0;
     return dev().windows().send(hWnd, Msg, wParam, lParam);
 }
 
 void WINAPI PostQuitMessage(int nExitCode) {
-    injected("PostQuitMessage");   // cannot fail: counted (and may crash) only
+    dev().injected("PostQuitMessage");   // cannot fail: counted (and may crash) only
     dev().windows().postQuit(nExitCode);
 }
 
 LRESULT WINAPI DefWindowProcW(HWND hWnd, UINT Msg, WPARAM wParam, LPARAM lParam) {
-    if (injected("DefWindowProcW")) return 0;
+    if (dev().injected("DefWindowProcW")) return 0;
     return dev().windows().defProc(hWnd, Msg, wParam, lParam);
 }
 
 int WINAPI GetSystemMetrics(int nIndex) {
-    if (injected("GetSystemMetrics")) return 0;
+    if (dev().injected("GetSystemMetrics")) return 0;
     sim::Windows &w = dev().windows();
     return nIndex == SM_CXSCREEN ? w.screenWidth() : nIndex == SM_CYSCREEN ? w.screenHeight() : 0;
 }
 
 HGDIOBJ WINAPI GetStockObject(int fnObject) {
-    if (injected("GetStockObject")) return NULL;
+    if (dev().injected("GetStockObject")) return NULL;
     return dev().windows().stockObject(fnObject);
 }
 
 HFONT WINAPI CreateFontIndirectW(const LOGFONTW *lplf) {
-    if (injected("CreateFontIndirectW")) return NULL;
+    if (dev().injected("CreateFontIndirectW")) return NULL;
     return dev().windows().createFont(lplf);
 }
 
 BOOL WINAPI DeleteObject(HGDIOBJ hObject) {
-    if (injected("DeleteObject")) return FALSE;
+    if (dev().injected("DeleteObject")) return FALSE;
     return dev().windows().deleteObject(hObject);
 }
 
 // The text calls send WM_GETTEXTLENGTH, WM_GETTEXT and WM_SETTEXT to the window, as the platform
 // does for a window of the calling process.
 int WINAPI GetWindowTextLengthW(HWND hWnd) {
-    if (injected("GetWindowTextLengthW")) return 0;
+    if (dev().injected("GetWindowTextLengthW")) return 0;
     return int(dev().windows().send(hWnd, WM_GETTEXTLENGTH, 0, 0));
 }
 
 int WINAPI GetWindowTextW(HWND hWnd, LPWSTR lpString, int nMaxCount) {
-    if (injected("GetWindowTextW")) {
+    if (dev().injected("GetWindowTextW")) {
         if (lpString && nMaxCount > 0) lpString[0] = 0;
         return 0;
     }
@@ -822,6 +811,6 @@ int WINAPI GetWindowTextW(HWND hWnd, LPWSTR lpString, int nMaxCount) {
 }
 
 BOOL WINAPI SetWindowTextW(HWND hWnd, LPCWSTR lpString) {
-    if (injected("SetWindowTextW")) return FALSE;
+    if (dev().injected("SetWindowTextW")) return FALSE;
     return dev().windows().send(hWnd, WM_SETTEXT, 0, reinterpret_cast<LPARAM>(lpString)) ? TRUE : FALSE;
 }

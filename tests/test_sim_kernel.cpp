@@ -105,6 +105,9 @@ TEST(SimKernel, RequestsAreAcceptedAndRecordedUnlessAFailureIsInjected) {
     EXPECT_TRUE(KernelIoControl(0x80002090, NULL, 0, out, sizeof out, NULL));   // other codes still answer
 
     k.setFailure(0x80002E78, std::nullopt);
+    // [fail] KernelIoControl fails a call by its number, whatever the code
+    td.dev().setFailure("KernelIoControl", 21, td.dev().callCount("KernelIoControl") + 1);
+    EXPECT_EQ(errorOf(KernelIoControl(0x80002090, NULL, 0, out, sizeof out, NULL)), 21u);
     ASSERT_TRUE(KernelIoControl(0x80002E78, record, sizeof record, NULL, 0, NULL));
     EXPECT_EQ(lastIoctl(td)["input"], recordHex);
     ASSERT_EQ(k.acceptedImageRequests().size(), 1u);
