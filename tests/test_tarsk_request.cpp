@@ -36,46 +36,42 @@ TEST(TarskRequest, EachSelectionGoesOutAsOne24ByteRecord) {
     }
 }
 
-// With a callback: the begin line, then a pause of 2500 ms. Nothing selected sends no request.
-TEST(TarskRequest, BeginUpgradingWithNothingSelectedPausesAndSendsNothing) {
-    TestDevice td(profile());
-    Engine e;
-    e->m_bFormatKernel = e->m_bUpgradeFromSDCard = 1;
-    const DWORD before = GetTickCount();
-    EXPECT_EQ(BeginUpgrading(e.e), 1u);
-    EXPECT_EQ(GetTickCount() - before, 2500u);
-    EXPECT_EQ(progressLines(), std::vector<std::string>{"\r\n===BEGION UPGRADING...===\r\n"});
-    EXPECT_TRUE(ioctls(td, "0x80002E78").empty());
-}
-
-// Without a callback: no pause. The log line ends with the bare name of the format flag.
-TEST(TarskRequest, BeginUpgradingWithoutACallbackSendsAtOnce) {
-    TestDevice td(profile());
-    g_vlLogSettings.level = LOG_INFO;
-    Engine e(nullptr);
-    e->m_bUpgradeBboot = e->m_bUpgradeRegion = e->m_bUpgradeFromSDCard = e->m_bFormatKernel = 1;
-    const DWORD before = GetTickCount();
-    EXPECT_EQ(BeginUpgrading(e.e), 1u);
-    EXPECT_EQ(GetTickCount() - before, 0u);
-    auto requests = ioctls(td, "0x80002E78");
-    ASSERT_EQ(requests.size(), 1u);
-    EXPECT_EQ(requests[0]["input"], "050000000100000001000000" + kReserved);
-    EXPECT_NE(logText().find("INFO, Upgrade for User: m_bUpgradeBboot = 1, m_bUpgradeKernel = 0, m_bUpgradeRegion = 1, "
-                             "m_bUpgradeFromSDCard = 1, m_bFormatKernel\r"),
-              std::string::npos) << logText();
-}
-
-TEST(TarskRequest, ARefusedRequestIsLoggedAndFails) {
-    TestDevice td(profile("[kernel.fail]\n'0x80002E78' = 31\n"));
-    g_vlLogSettings.level = LOG_ERROR;
-    Engine e(nullptr);
-    e->m_bUpgradeBboot = e->m_bUpgradeKernel = e->m_bUpgradeFromSDCard = 1;
-    os_setLastError(0);
-    EXPECT_EQ(BeginUpgrading(e.e), 0u);
-    EXPECT_EQ(os_getLastError(), 31u);
-    const std::string log = logText();
-    EXPECT_NE(log.find("ERROR, tarsk_callUpgrade(): UpgradeType = 2, UpgradeVia = 1, UpgradeFormat = 0\r"),
-              std::string::npos) << log;
-    EXPECT_NE(log.find("ERROR, tarsk_callUpgrade(): KernelIoControl(IOCTL_QRV_SYS_TARSK_IMAGE_UPGRADE) failed, error 31\r\n"),
-              std::string::npos) << log;
+// With a callback: the begin line, then a pause of 2500 ms. Nothing selected sends no request. The log
+// line ends with the bare name of the format flag; a refused request is logged and fails.
+TEST(TarskRequest, BeginUpgrading) {
+    const std::string refused = "ERROR, tarsk_callUpgrade(): ";
+    struct {
+        const char *extra;
+        bool callback;
+        DWORD boot, kernel, region, viaCard, format, result, ms, error;
+        const char *request;   // the record sent (nullptr: none)
+        std::vector<std::string> logLines;
+    } rows[] = {
+        {"", true, 0, 0, 0, 1, 1, 1, 2500, 0, nullptr, {}},
+        {"", false, 1, 0, 1, 1, 1, 1, 0, 0, "050000000100000001000000",
+         {"INFO, Upgrade for User: m_bUpgradeBboot = 1, m_bUpgradeKernel = 0, m_bUpgradeRegion = 1, "
+          "m_bUpgradeFromSDCard = 1, m_bFormatKernel\r"}},
+        {"[kernel.fail]\n'0x80002E78' = 31\n", false, 1, 1, 0, 1, 0, 0, 0, 31, "020000000100000000000000",
+         {refused + "UpgradeType = 2, UpgradeVia = 1, UpgradeFormat = 0\r",
+          refused + "KernelIoControl(IOCTL_QRV_SYS_TARSK_IMAGE_UPGRADE) failed, error 31\r\n"}},
+    };
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.extra);
+        TestDevice td(profile(r.extra));
+        g_vlLogSettings.level = LOG_INFO;
+        Engine e(r.callback ? recordProgress : nullptr);
+        e->m_bUpgradeBboot = r.boot, e->m_bUpgradeKernel = r.kernel, e->m_bUpgradeRegion = r.region;
+        e->m_bUpgradeFromSDCard = r.viaCard, e->m_bFormatKernel = r.format;
+        os_setLastError(0);
+        const DWORD before = GetTickCount();
+        EXPECT_EQ(BeginUpgrading(e.e), r.result);
+        EXPECT_EQ(GetTickCount() - before, r.ms);
+        EXPECT_EQ(os_getLastError(), r.error);
+        EXPECT_EQ(progressLines(), r.callback ? std::vector<std::string>{"\r\n===BEGION UPGRADING...===\r\n"}
+                                              : std::vector<std::string>{});
+        auto requests = ioctls(td, "0x80002E78");
+        ASSERT_EQ(requests.size(), r.request ? 1u : 0u);
+        if (r.request) { EXPECT_EQ(requests[0]["input"], r.request + kReserved); }
+        for (const std::string &line : r.logLines) EXPECT_NE(logText().find(line), std::string::npos) << logText();
+    }
 }
