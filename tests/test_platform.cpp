@@ -162,78 +162,58 @@ TEST(LogSinks, CarriageReturnInEverySink) {
     EXPECT_EQ("one\r\ntwo\r\n", d.get("\\port.txt"));
     EXPECT_EQ(std::string("\xFF\xFE", 2) + utf16le("one\r\ntwo\r\n"), d.get("\\log.txt"));
     EXPECT_EQ("one\r\ntwo\r\n", ring());
-}
 
-TEST(LogSinks, AsciiFileHasNoByteOrderMark) {
-    TestDevice d(kProfile);
-    std::strcpy(g_vlLogSettings.fileName, "\\log.txt");
-    g_vlLogSettings.toFile = TRUE;
+    // An ASCII file has no byte-order mark.
+    vl_closeLogFile();
+    std::strcpy(g_vlLogSettings.fileName, "\\ascii.txt");
     g_vlLogSettings.ascii = TRUE;
     vl_write(TEXT("a\n"));
     vl_write(TEXT("b\n"));
-    EXPECT_EQ("a\r\nb\r\n", d.get("\\log.txt"));
+    EXPECT_EQ("a\r\nb\r\n", d.get("\\ascii.txt"));
 }
 
+// Past 99, or with a name too long to number, the file is given up while the other sinks go on; the
+// message that found the long name reaches no sink at all.
 TEST(LogFile, IncrementNumbering) {
+    std::vector<std::string> all = {"\\debug.txt"};
+    for (int i = 0; i <= 99; ++i) all.push_back("\\debug" + std::string(i < 10 ? "0" : "") + std::to_string(i) + ".txt");
+    const std::string longName = "\\" + std::string(250, 'n') + ".txt";   // 255 characters
     struct Case {
-        const char *name;
+        std::string name;
         std::vector<std::string> present;
-        const char *receiver;
+        const char *receiver;   // nullptr: the file is given up
+        bool lost;              // the message reached no sink
     } cases[] = {
-        {"\\debug.txt", {}, "\\debug.txt"},
-        {"\\debug.txt", {"\\debug.txt"}, "\\debug00.txt"},
-        {"\\debug.txt", {"\\debug.txt", "\\debug00.txt", "\\debug01.txt"}, "\\debug02.txt"},
-        {"\\debug.txt", {"\\debug.txt", "\\debug01.txt"}, "\\debug00.txt"},
+        {"\\debug.txt", {}, "\\debug.txt", false},
+        {"\\debug.txt", {"\\debug.txt"}, "\\debug00.txt", false},
+        {"\\debug.txt", {"\\debug.txt", "\\debug00.txt", "\\debug01.txt"}, "\\debug02.txt", false},
+        {"\\debug.txt", {"\\debug.txt", "\\debug01.txt"}, "\\debug00.txt", false},
         // the extension is at most four characters, the dot included
-        {"\\debug.text", {"\\debug.text"}, "\\debug00.tex"},
+        {"\\debug.text", {"\\debug.text"}, "\\debug00.tex", false},
         // a name without a dot is numbered at its end
-        {"\\debuglog", {"\\debuglog"}, "\\debuglog00"},
+        {"\\debuglog", {"\\debuglog"}, "\\debuglog00", false},
+        {"\\debug.txt", all, nullptr, false},
+        {longName, {longName}, nullptr, true},
     };
     for (const Case &c : cases) {
+        SCOPED_TRACE(c.receiver ? c.receiver : c.name.substr(0, 12));
         TestDevice d(kProfile);
         for (const std::string &p : c.present) d.put(p, "old");
-        std::strcpy(g_vlLogSettings.fileName, c.name);
+        std::strcpy(g_vlLogSettings.fileName, c.name.c_str());
         g_vlLogSettings.toFile = TRUE;
         g_vlLogSettings.increment = TRUE;
-        vl_write(TEXT("x"));
-        EXPECT_EQ(std::string("\xFF\xFE", 2) + utf16le("x"), d.get(c.receiver)) << c.receiver;
+        testing_support::LogMark mark;
+        vl_write(TEXT("x\n"));
+        vl_write(TEXT("y\n"));
+        EXPECT_EQ(mark.since(), c.lost ? "y\r\n" : "x\r\ny\r\n");
+        EXPECT_EQ(bool(g_vlLogSettings.toFile), c.receiver != nullptr);
+        if (c.receiver) { EXPECT_EQ(std::string("\xFF\xFE", 2) + utf16le("x\r\ny\r\n"), d.get(c.receiver)); }
         for (const std::string &p : c.present) EXPECT_EQ("old", d.get(p));
-        EXPECT_TRUE(g_vlLogSettings.toFile);
+        size_t files = 0;
+        for (const auto &f : sim::fs::directory_iterator(d.folder() / "fs")) files += f.is_regular_file();
+        EXPECT_EQ(files, c.present.size() + (c.receiver ? 1 : 0));
         vl_closeLogFile();
     }
-}
-
-TEST(LogFile, IncrementStopsPast99AndOtherSinksGoOn) {
-    TestDevice d(kProfile);
-    d.put("\\debug.txt", "old");
-    char name[32];
-    for (int i = 0; i <= 99; ++i) {
-        std::snprintf(name, sizeof name, "\\debug%02d.txt", i);
-        d.put(name, "old");
-    }
-    std::strcpy(g_vlLogSettings.fileName, "\\debug.txt");
-    g_vlLogSettings.toFile = TRUE;
-    g_vlLogSettings.increment = TRUE;
-    vl_write(TEXT("still here\n"));
-    EXPECT_FALSE(g_vlLogSettings.toFile);
-    EXPECT_EQ("still here\r\n", ring());
-    EXPECT_EQ("old", d.get("\\debug99.txt"));
-    EXPECT_FALSE(d.exists("\\debug100.txt"));
-}
-
-TEST(LogFile, IncrementWithLongNameLosesTheMessage) {
-    TestDevice d(kProfile);
-    std::string longName = "\\" + std::string(250, 'n') + ".txt";   // 255 characters
-    d.put(longName, "old");
-    std::strcpy(g_vlLogSettings.fileName, longName.c_str());
-    g_vlLogSettings.toFile = TRUE;
-    g_vlLogSettings.increment = TRUE;
-    vl_write(TEXT("lost\n"));
-    EXPECT_FALSE(g_vlLogSettings.toFile);
-    EXPECT_EQ("", ring());          // the triggering message reached no sink
-    vl_write(TEXT("next\n"));
-    EXPECT_EQ("next\r\n", ring());
-    EXPECT_EQ("old", d.get(longName));
 }
 
 TEST(LogFile, PlainOpenFailureIsRetriedEachMessage) {
@@ -274,15 +254,6 @@ TEST(DebugIni, Settings) {
     }
 }
 
-TEST(DebugIni, ModuleListDropsPlatformMessages) {
-    TestDevice d(kProfile);
-    applyIni(d, "[Log]\nAppcoreDebug=LOG_DEBUG\nAppcoreDebugModules=MODULE_GPS,MODULE_UI\n");
-    VLLOGM(LOG_DEBUG, MODULE_PLATFORM, TEXT("platform-line"));
-    VLLOGM(LOG_DEBUG, MODULE_GPS, TEXT("gps-line"));
-    EXPECT_EQ(std::string::npos, ring().find("platform-line"));
-    EXPECT_NE(std::string::npos, ring().find("GPS-DEBUG, gps-line"));
-}
-
 TEST(DebugIni, TraceLevelTakesBothSnapshots) {
     TestDevice d(kProfile);
     applyIni(d, "[Log]\nAppcoreDebug=LOG_TRACE\n");
@@ -319,43 +290,38 @@ TEST(DebugIni, FileKeysOnlyUnderDebugToFile) {
     EXPECT_TRUE(g_vlLogSettings.console);     // a missing key leaves the setting as it was
 }
 
-TEST(DebugIni, NullReader) {
-    TestDevice d(kProfile);
+// Candidates in order: the card, the program's folder, the root, the internal flash, the first that
+// opens wins; the roots come from the registry, else the defaults.
+TEST(DebugIni, SearchOrder) {
+    const std::string roots = "[device]\nprogram = '\\My Flash Disk\\tarsk\\tarsk.exe'\n"
+                              "[registry.'HKLM\\Information']\nInternal = '\\Flash'\nExternal1 = '\\SD'\n";
+    const std::string defaults = "[device]\nprogram = '\\Windows\\tarsk.exe'\n";
+    const std::vector<std::string> candidates = {"\\SD\\debug.ini", "\\My Flash Disk\\tarsk\\debug.ini",
+                                                 "\\debug.ini", "\\Flash\\debug.ini"};
+    struct Case { std::string profile; std::vector<std::string> files; bool found; } cases[] = {   // the first wins
+        {roots, candidates, true},
+        {roots, {candidates.begin() + 1, candidates.end()}, true},
+        {roots, {candidates.begin() + 2, candidates.end()}, true},
+        {roots, {candidates.back()}, true},
+        {defaults, {"\\Storage Card\\debug.ini", "\\My Flash Disk\\debug.ini"}, true},
+        {defaults, {"\\My Flash Disk\\debug.ini"}, true},
+        {defaults, {"\\Flash\\debug.ini", "\\SD\\debug.ini"}, false},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.files[0]);
+        TestDevice d(c.profile);
+        for (const std::string &f : c.files) d.put(f, "[Who]\nName=" + f + "\n");
+        CIniFile ini;
+        ASSERT_EQ(c.found ? 1 : 0, OpenDebugIniFile(&ini));
+        char name[64] = "";
+        EXPECT_EQ(c.found, ini.getString("Who", "Name", name, sizeof name) != 0);
+        EXPECT_EQ(c.found ? c.files[0] : "", name);
+        ini.close();
+    }
+    TestDevice d(defaults);
     EXPECT_EQ(0, OpenDebugIniFile(nullptr));
     EXPECT_EQ(0, ReadDebugIniFileDbgSettings(nullptr, "Log"));
     EXPECT_NE(std::string::npos, ring().find("ERROR, OpenDebugIniFile(): p_pIniFile == NULL\r\n"));
-}
-
-TEST(DebugIni, SearchOrder) {
-    // Candidates in order: card, program folder, root, internal flash. The first that opens wins.
-    const char *candidates[] = {"\\Storage Card\\debug.ini", "\\My Flash Disk\\tarsk\\debug.ini",
-                                "\\debug.ini", "\\My Flash Disk\\debug.ini"};
-    for (int first = 0; first < 4; ++first) {
-        TestDevice d(kProfile);
-        for (int i = first; i < 4; ++i) d.put(candidates[i], "[Who]\nName=" + std::to_string(i) + "\n");
-        CIniFile ini;
-        ASSERT_NE(0, OpenDebugIniFile(&ini));
-        char name[8];
-        ASSERT_TRUE(ini.getString("Who", "Name", name, sizeof name));
-        EXPECT_EQ(std::to_string(first), name);
-        ini.close();
-    }
-}
-
-TEST(DebugIni, RootsFromRegistryAndDefaults) {
-    // Without the registry values the card and flash defaults are used.
-    TestDevice d("[device]\nprogram = '\\Windows\\tarsk.exe'\n");
-    d.put("\\My Flash Disk\\debug.ini", "[Who]\nName=flash\n");
-    CIniFile ini;
-    ASSERT_NE(0, OpenDebugIniFile(&ini));
-    char name[8];
-    ASSERT_TRUE(ini.getString("Who", "Name", name, sizeof name));
-    EXPECT_STREQ("flash", name);
-    ini.close();
-    CIniFile none;
-    d.put("\\My Flash Disk\\debug.ini", "");
-    ASSERT_TRUE(DeleteFileW(W("\\My Flash Disk\\debug.ini").c_str()));
-    EXPECT_EQ(0, OpenDebugIniFile(&none));
 }
 
 TEST(Verify, EndsTheProcessWithCodeOne) {
@@ -366,17 +332,6 @@ TEST(Verify, EndsTheProcessWithCodeOne) {
             VLVERIFY(x == 2);
         },
         testing::ExitedWithCode(1), "");
-}
-
-TEST(LevelIndexedCall, WordsAndDeviceLibraryBit) {
-    TestDevice d(kProfile);
-    g_vlLogSettings.level = LOG_TRACE;
-    vl_logLevel("dev.cpp", 3, 5, TEXT("five"));
-    EXPECT_NE(std::string::npos, ring().find("dev.cpp(3):, "));
-    EXPECT_NE(std::string::npos, ring().find(", TRACE, five"));
-    g_vlLogSettings.moduleMask = 0x3F;
-    vl_logLevel("dev.cpp", 4, 1, TEXT("dropped"));
-    EXPECT_EQ(std::string::npos, ring().find("dropped"));
 }
 
 TEST(NarrowPrint, KeepsNarrowConventions) {
