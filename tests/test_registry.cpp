@@ -52,61 +52,51 @@ TEST(HardwareName, CutsMakerAndModelSuffix) {
     }
 }
 
-TEST(VLRegistryString, VelmarKeyServesWhenInformationIsMissing) {
-    TestDevice t;
-    t.dev().registry().setString("Velmar", "External1", u"\\SD Card");
-    t.dev().registry().setString("Velmar", "Internal", u"\\Flash");
-    g_vlLogSettings.level = LOG_DEBUG;
-    Buf path;
-    ASSERT_EQ(1, sys_getExternalPath1(path.w));
-    EXPECT_EQ("\\SD Card", path.str());
-    ASSERT_EQ(1, sys_getInternalPath(path.w));
-    EXPECT_EQ("\\Flash", path.str());
-    EXPECT_TRUE(logged("DEBUG, getVLRegistryString(): HKLM\\Information|Velmar\\External1 = \\SD Card"));
-    EXPECT_FALSE(t.dev().registry().exists("Information"));   // the platform reader never creates it
-}
-
-TEST(VLRegistryString, Failures) {
+// HKLM\Information, else HKLM\Velmar; the reader never creates a key, and a failure leaves the
+// output as it was.
+TEST(VLRegistryString, ReadsAndFailures) {
     const std::string query = "ERROR, getVLRegistryString(): RegQueryValueEx(HKLM\\Information|Velmar\\Internal) ";
     struct Case {
         const char *what;
         std::function<void(sim::Registry &)> setup;
-        std::string message;
+        DWORD capacity;
+        std::string value, message;   // value "untouched": nothing written, 0 returned
         DWORD lastError;
     } cases[] = {
-        {"no key", [](sim::Registry &) {},
+        {"Velmar serves when Information is missing", [](sim::Registry &r) { r.setString("Velmar", "Internal", u"\\Flash"); },
+         MAX_PATH, "\\Flash", "DEBUG, getVLRegistryString(): HKLM\\Information|Velmar\\Internal = \\Flash", 0},
+        {"cut to the capacity", [](sim::Registry &r) { r.setString("Information", "Internal", u"\\My Flash Disk"); }, 6,
+         "\\My F", "DEBUG, getVLRegistryString(): HKLM\\Information|Velmar\\Internal = \\My F", 0},
+        {"no key", [](sim::Registry &) {}, MAX_PATH, "untouched",
          "ERROR, getVLRegistryString(): RegOpenKeyEx(HKLM\\Information|Velmar) failed, error 2", 2},
         {"no value under Information: Velmar not asked",
          [](sim::Registry &r) {
              r.setString("Information", "Hardware", u"Velmar X7");
              r.setString("Velmar", "Internal", u"\\Flash");
          },
-         query + "failed, error 2", 2},
-        {"number", [](sim::Registry &r) { r.setDword("Information", "Internal", 7); },
+         MAX_PATH, "untouched", query + "failed, error 2", 2},
+        {"number", [](sim::Registry &r) { r.setDword("Information", "Internal", 7); }, MAX_PATH, "untouched",
          query + "returned type = 4, size = 4", 0},
-        {"size 0", [](sim::Registry &r) { r.setValue("Information", "Internal", REG_SZ, {}); },
+        {"size 0", [](sim::Registry &r) { r.setValue("Information", "Internal", REG_SZ, {}); }, MAX_PATH, "untouched",
          query + "returned type = 1, size = 0", 0},
         {"too long", [](sim::Registry &r) { r.setString("Information", "Internal", std::u16string(300, u'a')); },
-         query + "failed, error 234", 234},
+         MAX_PATH, "untouched", query + "failed, error 234", 234},
     };
     for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
         TestDevice t;
         c.setup(t.dev().registry());
+        const bool information = t.dev().registry().exists("Information");
+        g_vlLogSettings.level = LOG_DEBUG;
         os_setLastError(0);
         SetLastError(0);
         Buf value;
-        EXPECT_EQ(0, getVLRegistryString(TEXT("Internal"), value.w, MAX_PATH)) << c.what;
-        EXPECT_TRUE(logged(c.message)) << c.what << "\n" << logText();
-        EXPECT_EQ(c.lastError, os_getLastError()) << c.what;
+        EXPECT_EQ(c.value != "untouched", getVLRegistryString(TEXT("Internal"), value.w, c.capacity));
+        EXPECT_EQ(c.value, value.str());
+        EXPECT_TRUE(logged(c.message)) << logText();
+        EXPECT_EQ(c.lastError, os_getLastError());
+        EXPECT_EQ(information, t.dev().registry().exists("Information"));
     }
-}
-
-TEST(VLRegistryString, CopiesWithinCapacity) {
-    TestDevice t;
-    t.dev().registry().setString("Information", "Internal", u"\\My Flash Disk");
-    Buf value;
-    ASSERT_EQ(1, getVLRegistryString(TEXT("Internal"), value.w, 6));
-    EXPECT_EQ("\\My F", value.str());
 }
 
 TEST(KnownRoots, ByModelAndFromDebugIni) {
@@ -152,25 +142,22 @@ TEST(KnownRoots, CapacitiesBoundEachOutput) {
     EXPECT_EQ("\\Storag", external.str());
 }
 
-TEST(TarskRegistry, CreatesEmptyInformationAndFindsNothing) {
+// The engine's reader creates an empty Information key and never looks under Velmar; it reads only
+// values of the right type, capacity * 2 bytes at most, and closes every key it opened.
+TEST(TarskRegistry, ReadsValuesOfTheRightType) {
     TestDevice t;
-    t.dev().registry().setString("Velmar", "Internal", u"\\Flash");   // the engine never looks here
+    sim::Registry &r = t.dev().registry();
+    r.setString("Velmar", "Internal", u"\\Flash");
     CTarskRegistry reg;
     Buf path("junk");
     EXPECT_EQ(0, reg.GetInternalPath(path.w, 64));
     EXPECT_EQ("", path.str());
     EXPECT_EQ(2u, os_getLastError());
-    DWORD flash = 77;
-    EXPECT_EQ(0, reg.ReadNumber(TEXT("FlashType"), &flash));
-    EXPECT_EQ(77u, flash);
-    EXPECT_TRUE(t.dev().registry().exists("Information"));
-    EXPECT_TRUE(t.dev().registry().subkeyNames("Information").empty());
-    EXPECT_EQ(0u, t.dev().objects().count());   // every key it opened is closed
-}
+    DWORD n = 77;
+    EXPECT_EQ(0, reg.ReadNumber(TEXT("FlashType"), &n));
+    EXPECT_EQ(77u, n);
+    EXPECT_TRUE(r.exists("Information") && r.subkeyNames("Information").empty());
 
-TEST(TarskRegistry, ReadsValuesOfTheRightType) {
-    TestDevice t;
-    sim::Registry &r = t.dev().registry();
     r.setString("Information", "Internal", u"\\My Flash Disk");
     r.setString("Information", "External2", u"\\SD");
     r.setDword("Information", "FlashType", 3);
@@ -178,8 +165,6 @@ TEST(TarskRegistry, ReadsValuesOfTheRightType) {
     r.setString("Information", "Counter", u"3");       // wrong type for a number
     r.setString("Information", "Empty", u"");
     r.setValue("Information", "NoBytes", REG_DWORD, {});
-    CTarskRegistry reg;
-    Buf path;
     EXPECT_EQ(1, reg.GetInternalPath(path.w, 64));
     EXPECT_EQ("\\My Flash Disk", path.str());
     EXPECT_EQ(1, reg.GetExternalPath(2, path.w, 64));
@@ -187,14 +172,13 @@ TEST(TarskRegistry, ReadsValuesOfTheRightType) {
     EXPECT_EQ(0, reg.GetExternalPath(1, path.w, 64));
     EXPECT_EQ("", path.str());
     EXPECT_EQ(0, reg.ReadString(TEXT("Empty"), path.w, 64));
-    DWORD n = 0;
     EXPECT_EQ(1, reg.ReadNumber(TEXT("FlashType"), &n));
     EXPECT_EQ(3u, n);
     n = 9;
     EXPECT_EQ(0, reg.ReadNumber(TEXT("Counter"), &n));
     EXPECT_EQ(0, reg.ReadNumber(TEXT("NoBytes"), &n));
     EXPECT_EQ(9u, n);
-    // capacity * 2 bytes is all it reads: "\My Flash Disk" needs 15 characters with its terminator
+    // "\My Flash Disk" needs 15 characters with its terminator
     EXPECT_EQ(0, reg.ReadString(TEXT("Internal"), path.w, 14));
     EXPECT_EQ(234u, os_getLastError());
     EXPECT_EQ(1, reg.ReadString(TEXT("Internal"), path.w, 15));
