@@ -87,16 +87,13 @@ TEST_F(PlatFile, ModeTableFirstMatchingRowWins) {
     EXPECT_EQ(os_wfopen(NULL, u"w"), (HANDLE)NULL);
     EXPECT_EQ(os_getLastError(), 777u);
     EXPECT_EQ(log.since(), "");
-}
 
-TEST_F(PlatFile, AppendFailingToReachTheEndIsLoggedAndClosed) {
-    TestDevice t("[fail]\nSetFilePointer = 87\n");
-    t.put("\\log.txt", "x");
-    testing_support::LogMark log;
-    EXPECT_EQ(os_wfopen(u"\\log.txt", u"a+"), (HANDLE)NULL);
+    // Appending where the end cannot be reached: logged, and the handle closed.
+    t.dev().setFailure("SetFilePointer", 87);
+    EXPECT_EQ(os_wfopen(u"\\f.txt", u"a+"), (HANDLE)NULL);
     EXPECT_EQ(os_getLastError(), 87u);
-    EXPECT_TRUE(log.has("os_wfopen(\\log.txt, a+): fopen() failed, error 87\r\n")) << log.since();
-    EXPECT_EQ(t.dev().objects().count(), 0u);   // the handle was closed
+    EXPECT_TRUE(log.has("os_wfopen(\\f.txt, a+): fopen() failed, error 87\r\n")) << log.since();
+    EXPECT_EQ(t.dev().objects().count(), 0u);
 }
 
 TEST_F(PlatFile, ReturnConventionsOfCloseSeekReadAndWrite) {
@@ -356,12 +353,11 @@ TEST_F(PlatFile, BufferedInputAlwaysReadsInKilobyteBlocks) {
     EXPECT_EQ(in->ReadByte(), -1);
     in->Close();
     EXPECT_EQ(t.dev().objects().count(), kept);
-}
 
-TEST_F(PlatFile, BufferSetUpFailsWhenMemoryIsRefused) {
-    TestDevice t("[fail]\nHeapAlloc = 8\n");
+    // Without memory for the buffer it cannot be set up.
+    t.dev().setFailure("HeapAlloc", 8);
     testing_support::LogMark log;
-    COSBufferInputFile in;
-    EXPECT_EQ(in.SetBufferSize(5), 0);
+    COSBufferInputFile refused;
+    EXPECT_EQ(refused.SetBufferSize(5), 0);
     EXPECT_TRUE(log.has(", ERROR, COSBufferInputFile::SetBufferSize(1024): os_malloc() failed\r\n")) << log.since();
 }
