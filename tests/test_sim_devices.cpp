@@ -13,9 +13,6 @@
 using testing_support::TestDevice;
 using testing_support::W;
 
-// The call fails and leaves `e` as the thread's last error.
-#define EXPECT_FAILS(call, e) do { SetLastError(0); EXPECT_FALSE(call); EXPECT_EQ(GetLastError(), DWORD(e)); } while (0)
-
 namespace {
 
 const char *kLoaded = "[flash_disk]\nloaded = true\nname = 'DSK1:'\nsectors = 2048\nbytes_per_sector = 512\n";

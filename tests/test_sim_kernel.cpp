@@ -25,11 +25,7 @@ hardware_version = 3
 )";
 
 // UTF-16LE bytes of a text with its terminator.
-std::string le16z(const std::string &s) {
-    std::string out;
-    for (char16_t c : W(s) + u'\0') out += {char(c & 0xFF), char(c >> 8)};
-    return out;
-}
+std::string le16z(const std::string &s) { return testing_support::utf16le(s + '\0'); }
 
 // The last error a call that should fail leaves (0 when it succeeds).
 DWORD errorOf(BOOL ok) { return ok ? 0 : GetLastError(); }

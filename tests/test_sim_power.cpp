@@ -15,9 +15,6 @@ using testing_support::W;
 using sim::kErrorPipeNotConnected;
 using sim::kFatMountClass;
 
-// The call fails and leaves `e` as the thread's last error.
-#define EXPECT_FAILS(call, e) do { SetLastError(0); EXPECT_FALSE(call); EXPECT_EQ(GetLastError(), DWORD(e)); } while (0)
-
 namespace {
 
 // A new message queue; the power monitor's holds at most 3 messages of at most 216 bytes.

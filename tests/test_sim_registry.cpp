@@ -8,6 +8,7 @@
 
 using testing_support::TestDevice;
 using testing_support::U;
+using testing_support::utf16le;
 using testing_support::W;
 
 namespace {
@@ -25,13 +26,6 @@ Key = "Drivers\\BuiltIn\\FlashDisk"
 [registry.HKLM.Information.Nested]
 Deep = 7
 )";
-
-// UTF-16LE bytes of a text (give the terminators in the text).
-std::string le16(const std::u16string &s) {
-    std::string out;
-    for (char16_t c : s) out += {char(c & 0xFF), char(c >> 8)};
-    return out;
-}
 
 HKEY openKey(const char *path, HKEY from = HKEY_LOCAL_MACHINE) {
     HKEY key = nullptr;
@@ -56,11 +50,11 @@ TEST(SimRegistry, QueriesAndSetsGiveValuesWithTheirTypesAndSizes) {
     struct Row { const char *value; DWORD capacity; LONG result; DWORD type, size; std::string data; };
     const Row rows[] = {
         {"Hardware", 0, ERROR_SUCCESS, REG_SZ, 34, ""},   // the terminator is counted
-        {"HARDWARE", 34, ERROR_SUCCESS, REG_SZ, 34, le16({u"Velmar X7, rev 2\0", 17})},   // names ignore case
+        {"HARDWARE", 34, ERROR_SUCCESS, REG_SZ, 34, utf16le({"Velmar X7, rev 2\0", 17})},   // names ignore case
         {"Hardware", 33, ERROR_MORE_DATA, REG_SZ, 34, ""},
         {"FlashType", 4, ERROR_SUCCESS, REG_DWORD, 4, std::string("\3\0\0\0", 4)},
         {"Blob", 8, ERROR_SUCCESS, REG_BINARY, 3, "\x01\x02\xff"},
-        {"Names", 64, ERROR_SUCCESS, REG_MULTI_SZ, 12, le16({u"a\0bc\0\0", 6})},
+        {"Names", 64, ERROR_SUCCESS, REG_MULTI_SZ, 12, utf16le({"a\0bc\0\0", 6})},
         {"Empty", 0, ERROR_SUCCESS, REG_SZ, 2, ""},
         {"replaced", 4, ERROR_SUCCESS, REG_DWORD, 4, std::string("\5\0\0\0", 4)},
         {"Nothing", 8, ERROR_SUCCESS, REG_SZ, 0, ""},

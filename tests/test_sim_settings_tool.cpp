@@ -26,7 +26,7 @@ int settings(const std::string &ini, std::string &out, std::string &err) {
     return rc;
 }
 
-TEST(SimSettingsTool, JsonShowsWhatTheDeviceReads) {
+TEST(SimSettingsTool, JsonShowsWhatTheDeviceReadsAndExitCodes) {
     std::string out, err;
     ASSERT_EQ(settings("[Default]\r\ngps baud rate=0x2580\r\nSharedMemHeap=TRUE \r\n[GPS=SIRF]\r\ngps port=COM1\r\n"
                        "[gps=atheros]\r\ngps port=COM1234567X\r\n[KEYMAP]\r\nMenu=12 \r\n", out, err), 0) << err;
@@ -45,10 +45,8 @@ TEST(SimSettingsTool, JsonShowsWhatTheDeviceReads) {
     ASSERT_EQ(j["warnings"].size(), about.size()) << j["warnings"].dump(1);
     for (size_t i = 0; i < about.size(); ++i)
         EXPECT_NE(j["warnings"][i].get<std::string>().find(about[i]), std::string::npos) << j["warnings"][i];
-}
 
-TEST(SimSettingsTool, ExitCodes) {
-    std::string out, err;
+    // No settings file: 1, naming it; no device folder: 2.
     EXPECT_EQ(settings("", out, err), 1);
     EXPECT_EQ(out, "");
     EXPECT_NE(err.find("\\My Flash Disk\\data\\device_settings.ini"), std::string::npos) << err;

@@ -13,9 +13,6 @@ using testing_support::TestDevice;
 using testing_support::U;
 using testing_support::W;
 
-// The call fails and leaves `e` as the thread's last error.
-#define EXPECT_FAILS(call, e) do { SetLastError(0); EXPECT_FALSE(call); EXPECT_EQ(GetLastError(), DWORD(e)); } while (0)
-
 namespace {
 
 // What the test class's procedure saw (it runs on the window thread only).

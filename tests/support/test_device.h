@@ -51,7 +51,10 @@ struct LogMark {
     bool has(const std::string &part) const { return count(part) > 0; }
 };
 
-// The UTF-16LE bytes of an ASCII text.
+// The call fails and leaves `e` as the thread's last error.
+#define EXPECT_FAILS(call, e) do { SetLastError(0); EXPECT_FALSE(call); EXPECT_EQ(GetLastError(), DWORD(e)); } while (0)
+
+// The UTF-16LE bytes of an ASCII text (NULs included).
 std::string utf16le(const std::string &ascii);
 // A wide string literal of the device's WCHAR type from UTF-8.
 std::u16string W(const std::string &s);
