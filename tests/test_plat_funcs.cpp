@@ -68,8 +68,10 @@ TEST(HardwareVersion, FromTheKernel) {
     }
 }
 
-TEST(ModelNumber, EveryRowByItsOwnName) {
-    struct Case { const char *name; DWORD number; } rows[] = {
+// Every row by its own name, then the match rules: upper-cased first, a prefix over the row's full
+// length, a substring anywhere for the short names, table order first, 259 characters searched.
+TEST(ModelNumber, RowsAndMatchRules) {
+    struct Case { std::string name; DWORD number; } rows[] = {
         {"VESKA320XL", 21}, {"VESKA320", 20}, {"VESKA220", 19}, {"VESKA120", 17}, {"VESKAMINI", 22},
         {"VESKACITY", 23}, {"VESKAPRO", 24},
         {"DRIVELO500T", 31}, {"DRIVELO500", 30}, {"DRIVELO300", 29}, {"DRIVELO100", 28},
@@ -83,27 +85,17 @@ TEST(ModelNumber, EveryRowByItsOwnName) {
         {"Q5", 48}, {"M2", 49}, {"N9", 50}, {"T8", 51}, {"X7", 52},
         {"X70", 52},   // never 53: the earlier row "X7" is found in it first
         {"R3", 54}, {"V6", 59}, {"P1", 60},
-    };
-    EXPECT_EQ(48u, sizeof rows / sizeof rows[0]);
-    for (const Case &c : rows) EXPECT_EQ(c.number, lookup(c.name)) << c.name;
-}
-
-TEST(ModelNumber, MatchRules) {
-    struct Case { std::string name; DWORD number; } cases[] = {
-        {"veska320xl", 21},        // upper-cased first
-        {"x7", 52},
+        {"veska320xl", 21}, {"x7", 52},
         {"VESKA320XLT", 21},       // prefix over the row's full length
         {"VESKA320X", 20},         // the longer row does not match, the next one does
         {"VESKA", 0},              // the family word alone is no model
         {"VESKAX7", 0},            // a family name never falls through to the substring rows
         {"MYDRIVELO500TX", 31},    // a substring anywhere
         {"X7Q5", 48},              // table order decides, not the position in the name
-        {"TREKNOVA1", 0},
-        {"", 0},
-        {"UNKNOWN", 0},
+        {"TREKNOVA1", 0}, {"", 0}, {"UNKNOWN", 0},
         {std::string(257, 'A') + "X7", 52},   // ends at character 259
         {std::string(258, 'A') + "X7", 0},    // only the first 259 characters are searched
     };
-    for (const Case &c : cases) EXPECT_EQ(c.number, lookup(c.name)) << c.name;
+    for (const Case &c : rows) EXPECT_EQ(c.number, lookup(c.name)) << c.name;
     EXPECT_EQ(0u, sys_getModelNumber(NULL));
 }
