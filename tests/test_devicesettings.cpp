@@ -141,56 +141,44 @@ TEST(DeviceSettings, WithoutTheFileEveryAccessRetries) {
     EXPECT_EQ(mark.count("Time taken"), 1);   // loaded once, never again
 }
 
-// An access from inside construct (an allocation; here the observer) gets the instance as it stands.
-int g_readings = 0;
-CDeviceSettings *g_inner = NULL;
-void reenter(int event, int, const char *, const char *, const char *) {
-    if (event == DS_EVENT_READING) ++g_readings;
-    if (event == DS_EVENT_SECTION) g_inner = velmar::getDeviceSettings();
-}
-
-TEST(DeviceSettings, AccessDuringConstructReturnsTheInstanceUntouched) {
-    SettingsDevice td;
-    td.put(kDeviceSettingsFile, "[Default]\r\ntmc command retry=3\r\n");
-    velmar::setDeviceSettingsObserver(reenter);
-    CDeviceSettings *outer = velmar::getDeviceSettings();
-    velmar::setDeviceSettingsObserver(NULL);
-    EXPECT_EQ(g_inner, outer);
-    EXPECT_EQ(g_readings, 1);
-}
-
-// A second thread's first access while construct runs waits for it, and finds the settings loaded:
-// construct runs once. The second thread is still waiting 100 ms later (it counts as blocked, so
-// device time moves on).
-struct Concurrent {
+// An access from inside construct (an allocation; here the observer at a section) gets the instance
+// as it stands. A second thread's first access while construct runs waits for it, and finds the
+// settings loaded: construct runs once. The second thread is still waiting 100 ms later (it counts as
+// blocked, so device time moves on).
+struct Observed {
+    int readings = 0;
+    CDeviceSettings *inner = NULL;
     HANDLE thread = NULL;
     DWORD waitedOut = 0;
     int retries = -1;
-} g_concurrent;
+} g_seen;
 DWORD WINAPI secondAccess(LPVOID) {
-    g_concurrent.retries = velmar::getDeviceSettings()->m_nTMCCommandRetry;
+    g_seen.retries = velmar::getDeviceSettings()->m_nTMCCommandRetry;
     return 0;
 }
-void startSecond(int event, int, const char *, const char *, const char *) {
+void observe(int event, int, const char *, const char *, const char *) {
+    if (event == DS_EVENT_SECTION) g_seen.inner = velmar::getDeviceSettings();
     if (event != DS_EVENT_READING) return;
-    ++g_readings;
-    if (g_concurrent.thread != NULL) return;
-    g_concurrent.thread = CreateThread(NULL, 0, secondAccess, NULL, 0, NULL);
-    g_concurrent.waitedOut = WaitForSingleObject(g_concurrent.thread, 100);
+    ++g_seen.readings;
+    if (g_seen.thread != NULL) return;
+    g_seen.thread = CreateThread(NULL, 0, secondAccess, NULL, 0, NULL);
+    g_seen.waitedOut = WaitForSingleObject(g_seen.thread, 100);
 }
 
-TEST(DeviceSettings, SecondThreadWaitsForTheFirstAccess) {
+TEST(DeviceSettings, AccessesDuringConstructFromTheSameAndASecondThread) {
     SettingsDevice td;
     td.put(kDeviceSettingsFile, "[Default]\r\ntmc command retry=3\r\n");
-    velmar::setDeviceSettingsObserver(startSecond);
-    EXPECT_EQ(velmar::getDeviceSettings()->m_nTMCCommandRetry, 3);
-    ASSERT_NE(g_concurrent.thread, (HANDLE)NULL);
-    EXPECT_EQ(WaitForSingleObject(g_concurrent.thread, INFINITE), WAIT_OBJECT_0);
+    velmar::setDeviceSettingsObserver(observe);
+    CDeviceSettings *outer = velmar::getDeviceSettings();
+    EXPECT_EQ(outer->m_nTMCCommandRetry, 3);
+    ASSERT_NE(g_seen.thread, (HANDLE)NULL);
+    EXPECT_EQ(WaitForSingleObject(g_seen.thread, INFINITE), WAIT_OBJECT_0);
     velmar::setDeviceSettingsObserver(NULL);
-    CloseHandle(g_concurrent.thread);
-    EXPECT_EQ(g_concurrent.waitedOut, WAIT_TIMEOUT);
-    EXPECT_EQ(g_concurrent.retries, 3);
-    EXPECT_EQ(g_readings, 1);
+    CloseHandle(g_seen.thread);
+    EXPECT_EQ(g_seen.inner, outer);
+    EXPECT_EQ(g_seen.waitedOut, WAIT_TIMEOUT);
+    EXPECT_EQ(g_seen.retries, 3);
+    EXPECT_EQ(g_seen.readings, 1);
 }
 
 }  // namespace
