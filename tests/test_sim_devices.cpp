@@ -5,7 +5,6 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
-#include <stdexcept>
 
 #include "devices.h"
 #include "test_device.h"
@@ -200,10 +199,3 @@ TEST(SimDevices, GetInfoAndWritesToTheSectorImageAndTheirFailures) {
     CloseHandle(h);
 }
 
-TEST(SimDevices, BadFlashDiskProfileIsReported) {
-    for (const char *p : {"[flash_disk]\nbytes_per_sector = 0\n", "[flash_disk]\nsectors = 0\n",
-                          "[flash_disk]\nsectors = 0x800000\nbytes_per_sector = 1024\n",   // 8 GB
-                          "[flash_disk]\nname = 'DSK1'\n", "[flash_disk]\nloaded = 1\n",
-                          "[flash_disk]\nhdd_delay_ms = -5\n", "[flash_disk.fail]\nformat = 31\n", "flash_disk = true\n"})
-        EXPECT_THROW(TestDevice td(p), std::runtime_error) << p;
-}

@@ -122,12 +122,35 @@ TEST(SimKernel, RequestsAreAcceptedAndRecordedUnlessAFailureIsInjected) {
     EXPECT_EQ(k.acceptedHiddenFormats(), 1);
 }
 
-TEST(SimKernel, BadKernelProfileIsReported) {
-    for (const char *p : {"[kernel]\nversion = 3\n", "[kernel]\nhardware_version = 'three'\n",
-                          "[kernel]\nregion_version = -1\n", "[kernel]\nhardware_version = 0x100000000\n",
-                          "[kernel.fail]\nimage = 31\n", "[kernel.fail]\n'0x80002E78' = 'no'\n", "kernel = 1\n",
-                          "[memory]\ntotal_phys = 'lots'\n"}) {
-        EXPECT_THROW(TestDevice td(p), std::runtime_error) << p;
+// The device reads every part's tables at start: a value of the wrong type or out of range, a misspelt
+// key or a value where a table belongs stops it with an error that names the profile.
+TEST(SimDevice, BadProfilesAreRefused) {
+    std::string manyExports = "[library.'big.dll']\n";   // more exports than the device has slots
+    for (int i = 0; i <= 64; ++i) manyExports += "e" + std::to_string(i) + " = " + std::to_string(i) + "\n";
+    const std::string bad[] = {
+        "[kernel]\nversion = 3\n", "[kernel]\nhardware_version = 'three'\n", "[kernel]\nregion_version = -1\n",
+        "[kernel]\nhardware_version = 0x100000000\n", "[kernel.fail]\nimage = 31\n", "[kernel.fail]\n'0x80002E78' = 'no'\n",
+        "kernel = 1\n", "[memory]\ntotal_phys = 'lots'\n",
+        "[registry.'HKLM\\K']\nB = [1, 256]\n", "[registry.'HKLM\\K']\nB = [1, \"x\"]\n",
+        "[registry.'HKLM\\K']\nN = 4294967296\n", "[registry.'HKLM\\K']\nF = 1.5\n", "[registry.'NOROOT\\K']\nA = 1\n",
+        "[flash_disk]\nbytes_per_sector = 0\n", "[flash_disk]\nsectors = 0\n",
+        "[flash_disk]\nsectors = 0x800000\nbytes_per_sector = 1024\n",   // 8 GB
+        "[flash_disk]\nname = 'DSK1'\n", "[flash_disk]\nloaded = 1\n", "[flash_disk]\nhdd_delay_ms = -5\n",
+        "[flash_disk.fail]\nformat = 31\n", "flash_disk = true\n",
+        "power = {battery_percent = 256}", "power = {ac_line = 'on'}", "power = {batery_percent = 5}",
+        "power.events = [{at_ms = 10, type = 'suspend'}]", "power.events = [{at_ms = -1, type = 'status'}]",
+        "power.events = [{type = 'status'}]", "power.events = {at_ms = 1, type = 'status'}", "card = {present = 1}",
+        "card.events = [{at_ms = 10}]", "card.events = [{at_ms = 1, attached = true, name = ''}]",
+        "[screen]\nwidth = 'wide'\n", "[screen]\nheight = 0\n", "screen = 3\n", "[input]\npress_button_at_ms = -5\n",
+        "[input]\npress_button_at_ms = 1.5\n", manyExports,
+    };
+    for (const std::string &p : bad) {
+        try {
+            TestDevice td(p);
+            ADD_FAILURE() << "accepted: " << p;
+        } catch (const std::runtime_error &e) {
+            EXPECT_EQ(std::string(e.what()).rfind("device.toml: ", 0), 0u) << e.what();
+        }
     }
 }
 
