@@ -9,8 +9,7 @@
 
 #include <map>
 
-using testing_support::TestDevice;
-using testing_support::U;
+using namespace testing_support;
 
 namespace {
 

@@ -15,8 +15,7 @@
 
 using std::string;
 using std::to_string;
-using testing_support::kDeviceSettingsFile;
-using testing_support::LogMark;
+using namespace testing_support;
 using velmar::CDeviceSettings;
 
 namespace {

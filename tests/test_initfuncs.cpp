@@ -7,8 +7,7 @@
 
 #include <gtest/gtest.h>
 
-using testing_support::logged;
-using testing_support::TestDevice;
+using namespace testing_support;
 
 namespace {
 

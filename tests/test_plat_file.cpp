@@ -11,9 +11,7 @@
 #include <cstdio>
 #include <cstring>
 
-using testing_support::TestDevice;
-using testing_support::U;
-using testing_support::W;
+using namespace testing_support;
 
 namespace {
 

@@ -8,10 +8,7 @@
 
 #include <cstdio>
 
-using testing_support::logged;
-using testing_support::logText;
-using testing_support::TestDevice;
-using testing_support::W;
+using namespace testing_support;
 
 namespace {
 

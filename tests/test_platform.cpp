@@ -9,10 +9,7 @@
 
 #include <string>
 
-using testing_support::TestDevice;
-using testing_support::U;
-using testing_support::W;
-using testing_support::utf16le;
+using namespace testing_support;
 
 namespace {
 

@@ -10,11 +10,7 @@
 #include <functional>
 #include <vector>
 
-using testing_support::logged;
-using testing_support::logText;
-using testing_support::TestDevice;
-using testing_support::U;
-using testing_support::W;
+using namespace testing_support;
 
 namespace {
 

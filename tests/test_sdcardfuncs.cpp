@@ -7,8 +7,7 @@
 
 #include <gtest/gtest.h>
 
-using testing_support::TestDevice;
-using testing_support::U;
+using namespace testing_support;
 
 namespace {
 

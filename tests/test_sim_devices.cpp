@@ -9,8 +9,7 @@
 #include "devices.h"
 #include "test_device.h"
 
-using testing_support::TestDevice;
-using testing_support::W;
+using namespace testing_support;
 
 namespace {
 

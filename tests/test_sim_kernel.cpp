@@ -10,8 +10,7 @@
 #include "kernel.h"
 #include "test_device.h"
 
-using testing_support::TestDevice;
-using testing_support::W;
+using namespace testing_support;
 
 namespace {
 

@@ -8,8 +8,7 @@
 #include "library.h"
 #include "test_device.h"
 
-using testing_support::TestDevice;
-using testing_support::W;
+using namespace testing_support;
 
 namespace {
 

@@ -9,8 +9,7 @@
 #include "power.h"
 #include "test_device.h"
 
-using testing_support::TestDevice;
-using testing_support::W;
+using namespace testing_support;
 using sim::kErrorPipeNotConnected;
 using sim::kFatMountClass;
 

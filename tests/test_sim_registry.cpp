@@ -6,10 +6,7 @@
 #include <cstring>
 #include <thread>
 
-using testing_support::TestDevice;
-using testing_support::U;
-using testing_support::utf16le;
-using testing_support::W;
+using namespace testing_support;
 
 namespace {
 

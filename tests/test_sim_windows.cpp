@@ -8,9 +8,7 @@
 #include "test_device.h"
 #include "windows.h"
 
-using testing_support::TestDevice;
-using testing_support::U;
-using testing_support::W;
+using namespace testing_support;
 
 namespace {
 

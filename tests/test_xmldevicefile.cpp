@@ -9,10 +9,7 @@
 #include <string>
 #include <vector>
 
-using testing_support::kDeviceSettingsFile;
-using testing_support::TestDevice;
-using testing_support::U;
-using testing_support::W;
+using namespace testing_support;
 
 namespace {
 
