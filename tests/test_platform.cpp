@@ -173,7 +173,7 @@ TEST(LogSinks, CarriageReturnInEverySink) {
 // message that found the long name reaches no sink at all.
 TEST(LogFile, IncrementNumbering) {
     std::vector<std::string> all = {"\\debug.txt"};
-    for (int i = 0; i <= 99; ++i) all.push_back("\\debug" + std::string(i < 10 ? "0" : "") + std::to_string(i) + ".txt");
+    for (int i = 0; i <= 99; ++i) all.push_back("\\debug" + std::to_string(100 + i).substr(1) + ".txt");
     const std::string longName = "\\" + std::string(250, 'n') + ".txt";   // 255 characters
     struct Case {
         std::string name;
@@ -199,7 +199,7 @@ TEST(LogFile, IncrementNumbering) {
         std::strcpy(g_vlLogSettings.fileName, c.name.c_str());
         g_vlLogSettings.toFile = TRUE;
         g_vlLogSettings.increment = TRUE;
-        testing_support::LogMark mark;
+        LogMark mark;
         vl_write(TEXT("x\n"));
         vl_write(TEXT("y\n"));
         EXPECT_EQ(mark.since(), c.lost ? "y\r\n" : "x\r\ny\r\n");

@@ -59,8 +59,9 @@ TEST(VLRegistryString, ReadsAndFailures) {
         std::string value, message;   // value "untouched": nothing written, 0 returned
         DWORD lastError;
     } cases[] = {
-        {"Velmar serves when Information is missing", [](sim::Registry &r) { r.setString("Velmar", "Internal", u"\\Flash"); },
-         MAX_PATH, "\\Flash", "DEBUG, getVLRegistryString(): HKLM\\Information|Velmar\\Internal = \\Flash", 0},
+        {"Velmar serves when Information is missing",
+         [](sim::Registry &r) { r.setString("Velmar", "Internal", u"\\Flash"); }, MAX_PATH, "\\Flash",
+         "DEBUG, getVLRegistryString(): HKLM\\Information|Velmar\\Internal = \\Flash", 0},
         {"cut to the capacity", [](sim::Registry &r) { r.setString("Information", "Internal", u"\\My Flash Disk"); }, 6,
          "\\My F", "DEBUG, getVLRegistryString(): HKLM\\Information|Velmar\\Internal = \\My F", 0},
         {"no key", [](sim::Registry &) {}, MAX_PATH, "untouched",

@@ -128,8 +128,8 @@ TEST(SimDevice, BadProfilesAreRefused) {
     for (int i = 0; i <= 64; ++i) manyExports += "e" + std::to_string(i) + " = " + std::to_string(i) + "\n";
     const std::string bad[] = {
         "[kernel]\nversion = 3\n", "[kernel]\nhardware_version = 'three'\n", "[kernel]\nregion_version = -1\n",
-        "[kernel]\nhardware_version = 0x100000000\n", "[kernel.fail]\nimage = 31\n", "[kernel.fail]\n'0x80002E78' = 'no'\n",
-        "kernel = 1\n", "[memory]\ntotal_phys = 'lots'\n",
+        "[kernel]\nhardware_version = 0x100000000\n", "[kernel.fail]\nimage = 31\n",
+        "[kernel.fail]\n'0x80002E78' = 'no'\n", "kernel = 1\n", "[memory]\ntotal_phys = 'lots'\n",
         "[registry.'HKLM\\K']\nB = [1, 256]\n", "[registry.'HKLM\\K']\nB = [1, \"x\"]\n",
         "[registry.'HKLM\\K']\nN = 4294967296\n", "[registry.'HKLM\\K']\nF = 1.5\n", "[registry.'NOROOT\\K']\nA = 1\n",
         "[flash_disk]\nbytes_per_sector = 0\n", "[flash_disk]\nsectors = 0\n",
