@@ -73,9 +73,9 @@ TEST(VLRegistryString, ReadsAndFailures) {
          },
          MAX_PATH, "untouched", query + "failed, error 2", 2},
         {"number", [](sim::Registry &r) { r.setDword("Information", "Internal", 7); }, MAX_PATH, "untouched",
-         query + "returned type = 4, size = 4", 0},
+         query + "returned type = 4, size = 4", 77},
         {"size 0", [](sim::Registry &r) { r.setValue("Information", "Internal", REG_SZ, {}); }, MAX_PATH, "untouched",
-         query + "returned type = 1, size = 0", 0},
+         query + "returned type = 1, size = 0", 77},
         {"too long", [](sim::Registry &r) { r.setString("Information", "Internal", std::u16string(300, u'a')); },
          MAX_PATH, "untouched", query + "failed, error 234", 234},
     };
@@ -86,7 +86,7 @@ TEST(VLRegistryString, ReadsAndFailures) {
         const bool information = t.dev().registry().exists("Information");
         g_vlLogSettings.level = LOG_DEBUG;
         os_setLastError(0);
-        SetLastError(0);
+        SetLastError(77);   // a wrong type or an empty value passes on what the system last said
         Buf value;
         EXPECT_EQ(c.value != "untouched", getVLRegistryString(TEXT("Internal"), value.w, c.capacity));
         EXPECT_EQ(c.value, value.str());
