@@ -46,33 +46,30 @@ def main():
         sys.exit(f"bench-table: no bench_* binaries in {build}")
     rows, failed = [], False
     for binary in binaries:
-        medians, errors = {}, []
+        medians, broken = {}, set()
         for b in run(binary):
+            # run names: GROUP/SIDE, perhaps with /iterations:N or /real_time behind
             name = b.get("run_name", b["name"])
+            group, side = (name.split("/") + [""])[:2]
             if b.get("error_occurred"):
-                errors.append(f"{name}: {b.get('error_message', 'failed')}")
+                print(f"bench-table: {binary.name}: {name}: {b.get('error_message', 'failed')}", file=sys.stderr)
+                broken.add(group)
             elif b.get("aggregate_name") == "median":
-                medians[name] = b
-        for e in sorted(set(errors)):
-            print(f"bench-table: {binary.name}: {e}", file=sys.stderr)
-            failed = True
-        for name in sorted(medians):
-            group, _, side = name.partition("/")
-            if side != "ours" or f"{group}/check" in [e.split(":")[0] for e in errors]:
+                medians[(group, side)] = b
+        failed = failed or bool(broken)
+        for (group, side), ours in sorted(medians.items()):
+            if side != "ours" or group in broken:
                 continue
-            ours = medians[name]
-            real = ours.get("real_time") and "/real_time" in ours.get("name", "")
-            ref = medians.get(f"{group}/reference")
+            real = "/real_time" in ours["run_name"]
+            ref = medians.get((group, "reference"))
             if ref is None:
-                counters = [f"{v:.4g} {k.replace('_', ' ')}" for k, v in ours.items()
-                            if isinstance(v, float) and k.endswith("per_second") and k != "bytes_per_second"]
-                rows.append((group, ", ".join(counters) or show_time(seconds(ours, True)), "-", "-"))
+                rates = [f"{v:.4g} {k.replace('_', ' ')}" for k, v in ours.items()
+                         if k.endswith("_per_second") and k != "bytes_per_second"]
+                rows.append((group, ", ".join(rates) or show_time(seconds(ours, real)), "-", "-"))
                 continue
             ratio = seconds(ours, real) / seconds(ref, real)
             target = ours.get("target")
-            mark = ""
-            if target:
-                mark = f" (<= {target:g})" + ("" if ratio <= target else " MISSED")
+            mark = f" (<= {target:g})" + ("" if ratio <= target else " MISSED") if target else ""
             rows.append((group, show_time(seconds(ours, real)), show_time(seconds(ref, real)), f"{ratio:.2f}{mark}"))
     head = ("benchmark", "ours", "reference", "ratio (target)")
     widths = [max(len(r[i]) for r in rows + [head]) for i in range(4)]
