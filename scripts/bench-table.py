@@ -3,7 +3,7 @@
 
 A benchmark binary names its runs GROUP/ours, GROUP/reference (and GROUP/check, a run that fails
 when both do not compute the same). ours may carry a counter "target", the highest ratio wanted; a
-group without a reference shows ours' counters instead (boots per second). Repetitions of all runs
+group without a reference shows ours' rates instead (boots per second). Repetitions of all runs
 of a binary are interleaved in random order and the medians of CPU time are compared (real time for
 runs that measure it, such as other processes), so that load on the machine hits both sides alike.
 """
@@ -63,8 +63,9 @@ def main():
             real = "/real_time" in ours["run_name"]
             ref = medians.get((group, "reference"))
             if ref is None:
-                rates = [f"{v:.4g} {k.replace('_', ' ')}" for k, v in ours.items()
-                         if k.endswith("_per_second") and k != "bytes_per_second"]
+                rates = [f"{ours[k]:.4g} {k.replace('_per_', '/').replace('_', ' ')}"
+                         for k in sorted(ours, key=lambda k: ("cpu" in k, k))
+                         if "_per_" in k and k.endswith("second") and k != "bytes_per_second"]
                 rows.append((group, ", ".join(rates) or show_time(seconds(ours, real)), "-", "-"))
                 continue
             ratio = seconds(ours, real) / seconds(ref, real)
