@@ -34,8 +34,9 @@ asan:
 sweep: build
 	@TARSK_SWEEP=full TARSK_SWEEP_JOBS=$(JOBS) $(BUILD)/test_sweep
 
+# One table: each benchmark beside its reference, medians of interleaved repetitions.
 bench: build
-	@for b in $(BUILD)/bench_*; do $$b; done
+	@scripts/bench-table.py $(BUILD)
 
 clean:
 	rm -rf build

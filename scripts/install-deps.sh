@@ -2,7 +2,8 @@
 # Installs the Debian packages the build needs, only those that are missing.
 set -euo pipefail
 pkgs=(cmake make g++ ninja-build pkg-config libmxml-dev libgtest-dev libgmock-dev libbenchmark-dev
-      libtomlplusplus-dev nlohmann-json3-dev libcli11-dev g++-mingw-w64-x86-64-posix)
+      libtomlplusplus-dev nlohmann-json3-dev libcli11-dev g++-mingw-w64-x86-64-posix
+      libinih-dev python3)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

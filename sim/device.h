@@ -176,7 +176,13 @@ public:
     // Failure injection, from the profile's [storage."\\Path"] tables.
     bool readOnly(const std::u16string &cePath) const;
     bool full(const std::u16string &cePath) const;
-    struct Volume { std::u16string root; ULONGLONG total = 0, free = 0; bool readOnly = false; bool full = false; };
+    // readMax: the most bytes one ReadFile gives (0: no limit), a medium that delivers in pieces.
+    struct Volume {
+        std::u16string root;
+        ULONGLONG total = 0, free = 0, readMax = 0;
+        bool readOnly = false;
+        bool full = false;
+    };
     void addVolume(const Volume &v);
     const Volume *volumeOf(const std::u16string &cePath) const;
 private:

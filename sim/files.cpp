@@ -269,6 +269,7 @@ struct FileObject : Object {
     int fd = -1;
     DWORD access = 0;
     uint64_t position = 0;
+    uint64_t readMax = 0;      // the volume's limit per ReadFile, 0 for none
     std::string host;
     std::u16string ce;
     std::mutex m;
@@ -431,7 +432,8 @@ bool FileSystem::space(const std::u16string &cePath, Space &out) const {
     return true;
 }
 
-// [storage.'\My Flash Disk'] total = bytes, free = bytes, read_only = bool, full = bool.
+// [storage.'\My Flash Disk'] total = bytes, free = bytes, read_only = bool, full = bool,
+// read_max = bytes (the most one ReadFile gives, as from a medium that delivers in pieces).
 // Each declared volume's root folder is made under fs/ (the store is mounted).
 void loadStorageProfile(Device &dev, const toml::table &profile) {
     const toml::table *storage = profile["storage"].as_table();
@@ -462,6 +464,7 @@ void loadStorageProfile(Device &dev, const toml::table &profile) {
         };
         size("total", v.total);
         size("free", v.free);
+        size("read_max", v.readMax);
         flag("read_only", v.readOnly);
         flag("full", v.full);
         dev.files().addVolume(v);
@@ -567,6 +570,7 @@ HANDLE WINAPI CreateFileW(LPCWSTR name, DWORD access, DWORD /*share*/, LPSECURIT
     obj->access = access;
     obj->host = w->host.string();
     obj->ce = w->ce;
+    if (const FileSystem::Volume *v = dev().files().volumeOf(w->ce)) obj->readMax = v->readMax;
     markOpen(obj->host, +1);
     HANDLE h = dev().objects().add(obj);
     setLastError(successError);
@@ -587,6 +591,7 @@ BOOL WINAPI ReadFile(HANDLE h, LPVOID buffer, DWORD toRead, LPDWORD read, LPOVER
         return FALSE;
     }
     std::lock_guard<std::mutex> lock(f->m);
+    if (f->readMax && toRead > f->readMax) toRead = DWORD(f->readMax);
     DWORD done = 0;
     while (done < toRead) {
         ssize_t n = ::pread(f->fd, static_cast<char *>(buffer) + done, toRead - done, off_t(f->position + done));

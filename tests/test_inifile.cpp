@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -311,4 +312,59 @@ TEST_F(IniTest, EnumerationBuffersAndBoundaries) {
     ASSERT_GT(many.text.size(), 10000u);
     cases.push_back(many);
     check(cases);
+}
+
+// The enumeration takes its refills from a read-ahead. Whatever the read-ahead holds, the callbacks
+// must get exactly what they get when every refill reads the dropped bytes from the file at that
+// moment: the reference is the same file on a volume that gives one byte per read (so nothing is read
+// ahead); volumes giving 7 and 1000 bytes per read shift the read-ahead's edges. Generated texts put
+// long values, '[' in values, headers, CR/LF mixes, tabs and NULs across the buffer's boundaries.
+TEST(IniEnumeration, ReadAheadDeliversWhatReadingAtEachRefillDelivers) {
+    TestDevice device("[storage.'\\One']\nread_max = 1\n[storage.'\\Seven']\nread_max = 7\n"
+                      "[storage.'\\Odd']\nread_max = 1000\n");
+    std::mt19937 rng(2048);
+    auto pick = [&](int n) { return int(rng() % unsigned(n)); };
+    auto bytes = [&](int n) {   // value and name text: mostly letters, some of the bytes the grammar knows
+        static const char kOdd[] = {'[', ']', '=', ';', ' ', '\t', '\xE9', '\0', '\r', '\n'};
+        string out;
+        for (int i = 0; i < n; ++i) out += pick(8) ? char('a' + pick(26)) : kOdd[pick(sizeof kOdd)];
+        return out;
+    };
+    static const char *const kEnds[] = {"\r\n", "\n", "\r", "\n\r", ""};
+    CIniFile ini;   // one reader for all the files: an open must forget what was read ahead
+    for (int t = 0; t < 30; ++t) {
+        string text;
+        while (text.size() < 2500u + 300u * t) {
+            const int kind = pick(10);
+            if (kind == 0) text += "[" + bytes(pick(4) ? pick(12) : 140) + "]";
+            else if (kind == 1) text += string(pick(300), pick(2) ? ' ' : '\n');   // moves the rest along
+            else text += bytes(1 + pick(12)) + string(pick(3), '=') + bytes(pick(6) ? pick(40) : 1500 + pick(1500));
+            text += kEnds[pick(5)];
+        }
+        Events reference;
+        const string volumes[] = {"\\One", "\\Seven", "\\Odd", "\\My Flash Disk"};   // the first: the reference
+        for (const string &volume : volumes) {
+            const string path = volume + "\\t.ini";
+            device.put(path, text);
+            ASSERT_TRUE(ini.open(W(path).c_str()));
+            const unsigned readsBefore = device.dev().callCount("ReadFile");
+            const bool unlimited = &volume == &volumes[3];
+            // Unlimited: a pass stopped after its first section, then a full one; each starts over.
+            for (int pass = unlimited ? 0 : 1; pass < 2; ++pass) {
+                g_events.clear();
+                g_stopAfter = pass == 0 ? 1 : -1;
+                ini.enumSections(recordSection, &g_events);
+                if (&volume == &volumes[0]) reference = g_events;
+                Events expect = reference;
+                for (size_t i = 1; pass == 0 && i < expect.size(); ++i)
+                    if (expect[i].compare(0, 2, "S:") == 0) expect.resize(i);
+                EXPECT_EQ(g_events, expect) << "text " << t << " on " << volume << ", pass " << pass;
+            }
+            // Unlimited reads: one per read-ahead's worth of text, not one per key.
+            if (unlimited) {
+                EXPECT_LE(device.dev().callCount("ReadFile") - readsBefore, 2 * (text.size() / 2048 + 2));
+            }
+        }
+        EXPECT_GT(reference.size(), 10u) << t;
+    }
 }

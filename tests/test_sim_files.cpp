@@ -264,7 +264,7 @@ TEST(SimFiles, FindMatchesWildcardsWithoutRegardToCaseAndCarriesSizeAttributesAn
 
 TEST(SimFiles, VolumesGiveTheProfileSpaceAndRefuseChangesWhenReadOnlyOrFull) {
     TestDevice t("[storage.'\\My Flash Disk']\ntotal = 536870912\nfree = 12345\n[storage.'\\Rom']\nread_only = true\n"
-                 "[storage.'\\Full']\ntotal = 268435456\nfree = 1048576\nfull = true\n");
+                 "[storage.'\\Full']\ntotal = 268435456\nfree = 1048576\nfull = true\n[storage.'\\Slow']\nread_max = 3\n");
     t.put("\\My Flash Disk\\Dir\\f", "x");
     t.put("\\Rom\\f", "x");
     struct Row { const char *path; uint64_t total, free; };
@@ -304,14 +304,26 @@ TEST(SimFiles, VolumesGiveTheProfileSpaceAndRefuseChangesWhenReadOnlyOrFull) {
     EXPECT_EQ(n, 0u);
     EXPECT_TRUE(WriteFile(h, "abc", 0, &n, NULL) && CloseHandle(h));
     EXPECT_EQ(t.get("\\Full\\f"), "");
+
+    // A volume with read_max gives at most that many bytes per read, the rest on the next reads.
+    t.put("\\Slow\\f", "abcdefg");
+    h = openFile("\\Slow\\f", GENERIC_READ, OPEN_EXISTING);
+    char buf[8] = {};
+    std::string got;
+    for (DWORD want : {5u, 2u, 9u, 9u}) {
+        ASSERT_TRUE(ReadFile(h, buf, want, &n, NULL));
+        got += std::string(buf, n) + "|";
+    }
+    EXPECT_EQ(got, "abc|de|fg||");
+    EXPECT_TRUE(CloseHandle(h));
 }
 
 TEST(SimFiles, BadStorageValuesAreIgnoredAndFailuresAreInjectedByCallName) {
-    TestDevice t("[storage.'\\My Flash Disk']\ntotal = -5\nfree = 'lots'\nread_only = 1\n[storage]\nplain = 3\n"
+    TestDevice t("[storage.'\\My Flash Disk']\ntotal = -5\nfree = 'lots'\nread_only = 1\nread_max = -2\n[storage]\nplain = 3\n"
                  "[fail]\nCreateFileW = 32\nGetDiskFreeSpaceExW = 21\n");
     const sim::FileSystem::Volume *v = t.dev().files().volumeOf(u"\\My Flash Disk\\x");
     ASSERT_NE(v, nullptr);
-    EXPECT_TRUE(v->total == 0 && v->free == 0 && !v->readOnly);
+    EXPECT_TRUE(v->total == 0 && v->free == 0 && v->readMax == 0 && !v->readOnly);
     ULARGE_INTEGER total;
     expectCalls({
         opening("\\My Flash Disk\\f", RW, CREATE_ALWAYS, false, 32),

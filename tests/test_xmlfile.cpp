@@ -249,6 +249,12 @@ TEST(XmlEncoding, CharacterSourceDecodesAndTextJoinsPieces) {
         {"white space before the end tag is a piece", "<a>V5 </a>", u"V5 "},
         {"empty", "<a/>", u""},
         {"references", "<a>caf&#233; &amp; bar</a>", u"caf\u00E9 & bar"},
+        {"an over-long form is read as its character", "<a>\xC1\x81</a>", u"A"},
+        // the 8192-byte read buffer ends inside the two bytes of the e acute
+        {"utf-8 across a read", "<a>" + std::string(8188, 'x') + "\xC3\xA9yz</a>", std::u16string(8188, u'x') + u"\u00E9yz"},
+        // the text outgrows the file (three bytes from two)
+        {"utf-16 longer as utf-8", utf16(u"<a>" + std::u16string(5000, u'\u4E2D') + u"</a>", false),
+         std::u16string(5000, u'\u4E2D')},
     };
     for (const Case &c : cases) EXPECT_EQ(c.expected, fx.text(fx.open("\\e.xml", c.bytes), "a")) << c.what;
 }
@@ -267,6 +273,8 @@ TEST(XmlEncoding, BadInputFailsTheLoad) {
         {"no element", "just text", false},
         // the bad byte ends the input like the end of the file; the document is already complete
         {"bad byte after the root", "<a/>\x80junk", true},
+        {"NUL ends the text", std::string("<a>x\0</a>", 9), false},
+        {"NUL after the root", std::string("<a/>\0\x80", 6), true},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);

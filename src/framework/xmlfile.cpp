@@ -173,6 +173,9 @@ public:
 
     /* The next character (code point), or -1 at the end of the input or on a bad sequence. */
     int getChar();
+    /* Copies the ASCII bytes that stand next in the buffer, at most max, while the input is UTF-8:
+     * each is the character getChar would give. Returns how many (0: use getChar). */
+    DWORD takeAscii(char *dst, DWORD max);
 
 private:
     enum { ENC_UTF8, ENC_UTF16BE, ENC_UTF16LE };
@@ -199,6 +202,29 @@ int XmlCharSource::nextByte()
         }
     }
     return m_pBuffer[m_dwPos++];
+}
+
+DWORD XmlCharSource::takeAscii(char *dst, DWORD max)
+{
+    if (m_nEncoding != ENC_UTF8) return 0;
+    const BYTE *src = m_pBuffer + m_dwPos;
+    DWORD avail = m_dwHeld - m_dwPos;
+    if (avail > max) avail = max;
+    DWORD n = 0;
+    /* four bytes at a time while none has its top bit set */
+    while (n + 4 <= avail) {
+        DWORD w;
+        memcpy(&w, src + n, 4);
+        if (w & 0x80808080u) break;
+        memcpy(dst + n, &w, 4);
+        n += 4;
+    }
+    while (n < avail && src[n] < 0x80) {
+        dst[n] = (char)src[n];
+        ++n;
+    }
+    m_dwPos += n;
+    return n;
 }
 
 int XmlCharSource::nextUnit()
@@ -491,18 +517,26 @@ BOOL XmlFilePrivate::loadXmlFile(LPCWSTR fileName, BOOL readOnly)
     return TRUE;
 }
 
-/* Appends one character to the growing UTF-8 text. 0 when memory ran out. */
+/* Makes room in the growing text for need more bytes, doubling it. 0 when memory ran out. */
+static BOOL textRoom(char **pText, DWORD len, DWORD *pCap, DWORD need)
+{
+    if (len + need <= *pCap) return TRUE;
+    DWORD cap = *pCap * 2;
+    while (len + need > cap) cap *= 2;
+    char *grown = (char *)os_malloc(cap);
+    if (grown == NULL) return FALSE;
+    memcpy(grown, *pText, len);
+    os_free(*pText);
+    *pText = grown;
+    *pCap = cap;
+    return TRUE;
+}
+
+/* Appends one character to the growing UTF-8 text (up to 4 bytes, one more kept free for the
+ * terminator). 0 when memory ran out. */
 static BOOL textAppend(char **pText, DWORD *pLen, DWORD *pCap, DWORD cp)
 {
-    if (*pLen + 5 > *pCap) {
-        DWORD cap = *pCap * 2;
-        char *grown = (char *)os_malloc(cap);
-        if (grown == NULL) return FALSE;
-        memcpy(grown, *pText, *pLen);
-        os_free(*pText);
-        *pText = grown;
-        *pCap = cap;
-    }
+    if (!textRoom(pText, *pLen, pCap, 5)) return FALSE;
     char *d = *pText + *pLen;
     int n;
     if (cp < 0x80) {
@@ -543,15 +577,26 @@ BOOL XmlFilePrivate::load(LPCWSTR fileName)
         return FALSE;
     }
     BYTE *buffer = (BYTE *)os_malloc(XML_IO_BUFFER_SIZE);
+    /* Text from UTF-8 takes no more bytes than the file (no character is re-encoded longer), so a
+     * text of the file's size is never grown; from UTF-16 it grows as needed. */
     DWORD cap = XML_TEXT_INITIAL_SIZE, len = 0;
+    DWORD fileSize = os_getFileSizeFromHandle(h);
+    if (fileSize != INVALID_FILE_SIZE && fileSize > cap - 6 && fileSize < 0x40000000u) cap = fileSize + 6;
     char *text = (char *)os_malloc(cap);
     BOOL ok = buffer != NULL && text != NULL;
     if (ok) {
         /* the character source's -1 (end or bad sequence) ends the input, as end of file would */
         XmlCharSource source(h, buffer);
-        int c;
-        while (ok && (c = source.getChar()) >= 0)
+        while (ok) {
+            /* runs of ASCII are copied as they stand, anything else goes character by character */
+            ok = textRoom(&text, len, &cap, 6);
+            DWORD n = ok ? source.takeAscii(text + len, cap - len - 5) : 0;
+            len += n;
+            if (n > 0) continue;
+            int c = ok ? source.getChar() : -1;
+            if (c < 0) break;
             ok = textAppend(&text, &len, &cap, (DWORD)c);
+        }
         text[len] = 0;
     }
     os_fclose(h);

@@ -7,7 +7,7 @@
  *    at ';', CR or LF;
  *  - the enumeration is a byte-wise state machine over a 2048-byte buffer that knows no comments
  *    and delivers a key only when its line ends.
- * No heap memory: the lookup works in stack buffers, the enumeration in the member buffer.
+ * No heap memory: the lookup works in stack buffers, the enumeration in the member buffers.
  */
 #include "platform/inifile.h"
 
@@ -58,7 +58,8 @@ static bool ini_sameName(const char *text, const char *name, int len)
 /* ---- life cycle ---- */
 
 CIniFile::CIniFile()
-    : m_dwReserved(0), m_nPosition(INI_ENUM_BUFFER_SIZE), m_nCount(0), m_bCompact(false)
+    : m_dwReserved(0), m_nPosition(INI_ENUM_BUFFER_SIZE), m_nCount(0), m_bCompact(false),
+      m_nAheadPosition(0), m_nAheadCount(0), m_bAheadEnded(false)
 {
     m_szFileName[0] = 0;
     m_szSection[0] = 0;
@@ -85,7 +86,7 @@ bool CIniFile::open(LPCWSTR fileName)
     setFileName(fileName);
     if (!open()) return false;
     memset(m_buffer, 0, sizeof(m_buffer));
-    m_file.Seek(0, FILE_BEGIN);
+    startReading();
     m_nPosition = INI_ENUM_BUFFER_SIZE;
     m_nCount = 0;
     m_bCompact = false;
@@ -318,20 +319,62 @@ int ini_atoi(const char *text)
 
 /* ---- enumeration ---- */
 
+void CIniFile::startReading()
+{
+    m_file.Seek(0, FILE_BEGIN);
+    m_nAheadPosition = 0;
+    m_nAheadCount = 0;
+    m_bAheadEnded = false;
+}
+
+/*
+ * Copies the next count bytes of file text into buffer, taking them from the read-ahead and filling
+ * that with one read of its whole size whenever it runs empty. Gives fewer only at the end of the
+ * file, as a read of the file itself would; a read that gives nothing (the end, or a failure) ends
+ * the reading, so the refills near the end do not each ask the file again.
+ */
+int CIniFile::readText(char *buffer, int count)
+{
+    int done = 0;
+    while (done < count) {
+        if (m_nAheadPosition >= m_nAheadCount) {
+            if (m_bAheadEnded) break;
+            m_nAheadPosition = 0;
+            m_nAheadCount = (int)m_file.Read(m_readAhead, INI_READ_AHEAD_SIZE);
+            if (m_nAheadCount <= 0) {
+                m_nAheadCount = 0;
+                m_bAheadEnded = true;
+                break;
+            }
+        }
+        int take = m_nAheadCount - m_nAheadPosition;
+        if (take > count - done) take = count - done;
+        memcpy(buffer + done, m_readAhead + m_nAheadPosition, take);
+        m_nAheadPosition += take;
+        done += take;
+    }
+    return done;
+}
+
 /*
  * One step through the member buffer. Moves to the next byte; at the buffer's last byte, or when a
- * compaction is pending, moves the bytes from the current position to the front, reads as many as
- * were dropped behind them and sets the position to 0. A short buffer without a pending compaction
- * means the file has ended. After a refill the byte at 0 is the one the position stood on, and it
+ * compaction is pending, moves the bytes from the current position to the front, brings as many as
+ * were dropped behind them from the read-ahead and sets the position to 0. A short buffer without a
+ * pending compaction means the file has ended. After a refill the byte at 0 is the one the position stood on, and it
  * is examined again: a key name across a refill gets that byte twice ("abcd" reads "abbcd"), and
  * the NUL written at a value's cut comes back as a line end.
  */
-int CIniFile::advance()
+inline int CIniFile::advance()
 {
     if (m_nPosition < m_nCount - 1 && !m_bCompact) {
         ++m_nPosition;
         return INI_ADVANCE_BYTE;
     }
+    return refill();
+}
+
+int CIniFile::refill()
+{
     if (m_nCount < INI_ENUM_BUFFER_SIZE && !m_bCompact) return INI_ADVANCE_END;
 
     m_bCompact = false;
@@ -342,7 +385,7 @@ int CIniFile::advance()
     int got = 0;
     if (from > 0) {
         memmove(m_buffer, m_buffer + from, keep);
-        got = (int)m_file.Read(m_buffer + keep, (DWORD)from);
+        got = readText(m_buffer + keep, from);
     }
     m_nPosition = 0;
     m_nCount = keep + got;
@@ -356,8 +399,8 @@ int CIniFile::advance()
 bool CIniFile::enumSections(IniSectionCallback callback, void *context)
 {
     if (!isOpen()) return true;
-    m_file.Seek(0, FILE_BEGIN);
-    m_nCount = (int)m_file.Read(m_buffer, INI_ENUM_BUFFER_SIZE);
+    startReading();
+    m_nCount = readText(m_buffer, INI_ENUM_BUFFER_SIZE);
     m_nPosition = -1;
     m_bCompact = false;
 

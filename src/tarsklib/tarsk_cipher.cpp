@@ -6,6 +6,8 @@
 #include "tarsklib/tarsklib.h"
 #include "tarsk_key.h"
 
+#include <string.h>
+
 #define TARSK_CIPHER_CYCLES 16
 
 /* The data words are shifted right arithmetically (copies of the sign come in). C++03 leaves the
@@ -25,17 +27,35 @@ static inline DWORD mix(DWORD v)
     return sar5(v) ^ (v << 4);
 }
 
+/* The words of a block are little-endian in the package. On a little-endian machine (the device's
+ * ARM, the x86 hosts) they are moved whole with memcpy, which compilers turn into one load or store;
+ * elsewhere the bytes are put together one by one. */
+#if (defined(__BYTE_ORDER__) && defined(__ORDER_LITTLE_ENDIAN__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__) \
+    || defined(_M_ARM) || defined(_M_IX86) || defined(_M_X64) || defined(_M_AMD64)
+#define TARSK_CIPHER_LITTLE_ENDIAN 1
+#endif
+
 static inline DWORD loadLE(const BYTE *p)
 {
+#ifdef TARSK_CIPHER_LITTLE_ENDIAN
+    DWORD v;
+    memcpy(&v, p, sizeof(v));
+    return v;
+#else
     return (DWORD)p[0] | ((DWORD)p[1] << 8) | ((DWORD)p[2] << 16) | ((DWORD)p[3] << 24);
+#endif
 }
 
 static inline void storeLE(BYTE *p, DWORD v)
 {
+#ifdef TARSK_CIPHER_LITTLE_ENDIAN
+    memcpy(p, &v, sizeof(v));
+#else
     p[0] = (BYTE)v;
     p[1] = (BYTE)(v >> 8);
     p[2] = (BYTE)(v >> 16);
     p[3] = (BYTE)(v >> 24);
+#endif
 }
 
 void tarsk_decipher(BYTE *data, DWORD size, const DWORD key[4])

@@ -1,0 +1,76 @@
+// Whole-boot rehearsals: the built `tarsk-sim run` on a fresh copy of the default device, in
+// deterministic device time, as boots per second of real time and per second of the runs' own CPU
+// time (steadier on a busy machine). A run is a process of its own, so its start (dynamic linking,
+// reading the profile) counts as the device's boot does not; there is no reference to set it against.
+#include <benchmark/benchmark.h>
+
+#include <fcntl.h>
+#include <filesystem>
+#include <spawn.h>
+#include <string>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+extern char **environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string kSim = std::string(TARSK_BINARY_DIR) + "/tarsk-sim";
+
+// Runs tarsk-sim with args, its output thrown away; its exit code, or -1. Adds its CPU seconds to *cpu.
+int runSim(const std::vector<std::string> &args, double *cpu = nullptr) {
+    std::vector<char *> argv;
+    std::string program = kSim;
+    argv.push_back(program.data());
+    std::vector<std::string> copies(args);
+    for (std::string &a : copies) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    pid_t pid;
+    int rc = posix_spawn(&pid, kSim.c_str(), &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (rc != 0) return -1;
+    int status = 0;
+    struct rusage usage = {};
+    if (wait4(pid, &status, 0, &usage) != pid || !WIFEXITED(status)) return -1;
+    if (cpu) {
+        *cpu += double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+                double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) * 1e-6;
+    }
+    return WEXITSTATUS(status);
+}
+
+void BM_BootRehearsal(benchmark::State &state) {
+    std::string tmpl = (fs::temp_directory_path() / "tarsk-bench-boot-XXXXXX").string();
+    if (!::mkdtemp(tmpl.data())) {
+        state.SkipWithError("no temporary folder");
+        return;
+    }
+    const fs::path base = tmpl, pristine = base / "pristine", work = base / "work";
+    if (runSim({"new", pristine.string()}) != 0) state.SkipWithError("tarsk-sim new failed");
+    double cpu = 0;
+    for (auto _ : state) {
+        if (state.error_occurred()) break;
+        state.PauseTiming();   // a fresh copy: a run consumes the package and writes its journal
+        std::error_code ec;
+        fs::remove_all(work, ec);
+        fs::copy(pristine, work, fs::copy_options::recursive, ec);
+        state.ResumeTiming();
+        if (ec || runSim({"run", work.string()}, &cpu) != 0) state.SkipWithError("tarsk-sim run failed");
+    }
+    std::error_code ec;
+    fs::remove_all(base, ec);
+    state.counters["boots_per_second"] = benchmark::Counter(double(state.iterations()), benchmark::Counter::kIsRate);
+    if (cpu > 0) state.counters["boots_per_cpu_second"] = double(state.iterations()) / cpu;
+}
+
+}  // namespace
+
+BENCHMARK(BM_BootRehearsal)->Name("boot/ours")->Unit(benchmark::kMillisecond)->UseRealTime();
