@@ -360,9 +360,9 @@ int CIniFile::readText(char *buffer, int count)
  * One step through the member buffer. Moves to the next byte; at the buffer's last byte, or when a
  * compaction is pending, moves the bytes from the current position to the front, brings as many as
  * were dropped behind them from the read-ahead and sets the position to 0. A short buffer without a
- * pending compaction means the file has ended. After a refill the byte at 0 is the one the position stood on, and it
- * is examined again: a key name across a refill gets that byte twice ("abcd" reads "abbcd"), and
- * the NUL written at a value's cut comes back as a line end.
+ * pending compaction means the file has ended. After a refill the byte at 0 is the one the position
+ * stood on, and it is examined again: a key name across a refill gets that byte twice ("abcd" reads
+ * "abbcd"), and the NUL written at a value's cut comes back as a line end.
  */
 inline int CIniFile::advance()
 {
