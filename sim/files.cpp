@@ -34,6 +34,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include <cerrno>
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -124,19 +126,55 @@ struct Where {
     std::u16string last;      // the last component as given
 };
 
-// The host entry of a folder that matches name without regard to case (exact spelling first).
-std::optional<std::string> matchEntry(const fs::path &dir, const std::u16string &name) {
-    std::error_code ec;
+// The type of a host file from its mode.
+fs::file_type typeOfMode(mode_t mode) {
+    if (S_ISREG(mode)) return fs::file_type::regular;
+    if (S_ISDIR(mode)) return fs::file_type::directory;
+    if (S_ISLNK(mode)) return fs::file_type::symlink;
+    if (S_ISBLK(mode)) return fs::file_type::block;
+    if (S_ISCHR(mode)) return fs::file_type::character;
+    if (S_ISFIFO(mode)) return fs::file_type::fifo;
+    if (S_ISSOCK(mode)) return fs::file_type::socket;
+    return fs::file_type::unknown;
+}
+
+// The type of what a host path names, a symbolic link followed: not_found when nothing is there,
+// none when it cannot be told (as std::filesystem::status gives them).
+fs::file_type statusType(const fs::path &p) {
+    struct stat st;
+    if (::stat(p.c_str(), &st) == 0) return typeOfMode(st.st_mode);
+    return errno == ENOENT || errno == ENOTDIR ? fs::file_type::not_found : fs::file_type::none;
+}
+
+// An entry of a host folder: its name and its type, a symbolic link followed.
+struct Entry {
+    std::string name;
+    fs::file_type type;
+};
+
+// The entry of a folder that matches name without regard to case (exact spelling first, else the
+// first matching name in byte order). A path is resolved on nearly every call of the program, so
+// this asks the host as little as it can: one lstat for an exact spelling, else one listing.
+std::optional<Entry> matchEntry(const fs::path &dir, const std::u16string &name) {
     std::string exact = utf8(name);
-    if (fs::symlink_status(dir / exact, ec).type() != fs::file_type::not_found && !ec) return exact;
-    std::vector<std::string> hits;
-    for (fs::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
-        std::string entry = it->path().filename().string();
-        if (sameName(fromUtf8(entry), name)) hits.push_back(entry);
+    const fs::path spelled = dir / exact;
+    struct stat st;
+    if (::lstat(spelled.c_str(), &st) == 0)
+        return Entry{exact, S_ISLNK(st.st_mode) ? statusType(spelled) : typeOfMode(st.st_mode)};
+    std::vector<std::pair<std::string, unsigned char>> hits;
+    if (DIR *d = ::opendir(dir.c_str())) {
+        while (const dirent *e = ::readdir(d)) {
+            if (!std::strcmp(e->d_name, ".") || !std::strcmp(e->d_name, "..")) continue;
+            if (sameName(fromUtf8(e->d_name), name)) hits.emplace_back(e->d_name, e->d_type);
+        }
+        ::closedir(d);
     }
     if (hits.empty()) return std::nullopt;
     std::sort(hits.begin(), hits.end());
-    return hits.front();
+    const auto &[hit, type] = hits.front();
+    if (type == DT_REG) return Entry{hit, fs::file_type::regular};
+    if (type == DT_DIR) return Entry{hit, fs::file_type::directory};
+    return Entry{hit, statusType(dir / hit)};
 }
 
 Where locateParts(const fs::path &root, const std::vector<std::u16string> &parts) {
@@ -144,27 +182,26 @@ Where locateParts(const fs::path &root, const std::vector<std::u16string> &parts
     w.host = root;
     w.isRoot = parts.empty();
     std::vector<std::u16string> spelled;
-    bool present = true;   // the folder reached so far exists
-    std::error_code ec;
+    fs::file_type type = statusType(root);   // of what w.host names so far (not_found once a part is missing)
     for (size_t i = 0; i < parts.size(); ++i) {
-        bool last = i + 1 == parts.size();
-        if (last) w.parentIsDir = present && fs::is_directory(w.host, ec);
-        std::optional<std::string> entry;
-        if (present && fs::is_directory(w.host, ec)) entry = matchEntry(w.host, parts[i]);
+        const bool inFolder = type == fs::file_type::directory;
+        if (i + 1 == parts.size()) w.parentIsDir = inFolder;
+        std::optional<Entry> entry;
+        if (inFolder) entry = matchEntry(w.host, parts[i]);
         if (entry) {
-            w.host /= *entry;
-            spelled.push_back(fromUtf8(*entry));
+            w.host /= entry->name;
+            spelled.push_back(fromUtf8(entry->name));
+            type = entry->type;
         } else {
             w.host /= utf8(parts[i]);
             spelled.push_back(parts[i]);
-            present = false;
+            type = fs::file_type::not_found;
         }
     }
     if (parts.empty()) w.parentIsDir = true;
     else w.last = parts.back();
-    fs::file_status st = fs::status(w.host, ec);
-    w.exists = present && !ec && st.type() != fs::file_type::not_found;
-    w.isDir = w.exists && fs::is_directory(st);
+    w.exists = type != fs::file_type::not_found && type != fs::file_type::none;
+    w.isDir = type == fs::file_type::directory;
     w.ce = joinCe(spelled, spelled.size());
     return w;
 }
