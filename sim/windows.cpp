@@ -600,8 +600,9 @@ LRESULT Windows::editProc(HWND hwnd, UINT msg, WPARAM wParam, LPARAM lParam) {
         if (cut) fields["cut"] = cut;
         m_dev.journal().write("panel", fields);
         std::string echo;
-        for (char c : text)
-            if (c != '\r') echo.push_back(c);
+        if (m_echo)
+            for (char c : text)
+                if (c != '\r') echo.push_back(c);
         if (!echo.empty()) {
             std::fwrite(echo.data(), 1, echo.size(), stdout);
             std::fflush(stdout);

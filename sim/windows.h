@@ -2,7 +2,7 @@
 // per-thread message queues (posted and sent messages, WM_QUIT), the built-in EDIT and BUTTON
 // controls, and the little GDI the program uses (stock objects, fonts). Nothing is drawn: windows
 // record their class, text, style and geometry, and the text appended to an EDIT control (the
-// program's panel) is journaled and echoed to standard output.
+// program's panel) is journaled and echoed to standard output (setEcho turns the echo off).
 //
 // Profile:
 //   [screen]
@@ -39,6 +39,8 @@ public:
     // The text of the program's panel (the first EDIT control created, even after it was
     // destroyed), empty when there is none. Takes only this part's mutex.
     std::u16string panelText() const;
+    // Whether text appended to an EDIT control is echoed to standard output (on at start).
+    void setEcho(bool on) { m_echo = on; }
 
     // What exists, for the runner and tests.
     struct WindowInfo {
@@ -102,6 +104,7 @@ private:
     Device &m_dev;
     int m_screenWidth = 480;
     int m_screenHeight = 272;
+    std::atomic<bool> m_echo{true};
 
     mutable std::mutex m_mutex;                             // window data
     std::map<std::string, std::shared_ptr<Class>> m_classes;  // by lower-case name

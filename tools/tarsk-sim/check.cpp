@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 
 namespace tarsk_sim {
 
@@ -25,93 +26,104 @@ BOOL onProgress(LPCWSTR line) {
 }
 
 // A decision; "not checked" when the engine found no descriptor to decide on.
-const char *passText(DWORD exists, DWORD decision) {
-    return !exists ? "not checked" : decision ? "Pass" : "Bypass";
-}
+const char *decisionText(DWORD exists, DWORD decision) { return !exists ? "not checked" : passText(decision); }
 
-DWORD wordAt(const std::string &hex, size_t index) {
-    DWORD v = 0;
-    for (int b = 3; b >= 0; --b) {
-        size_t at = (index * 4 + size_t(b)) * 2;
-        if (at + 2 > hex.size()) return 0;
-        v = (v << 8) | DWORD(std::strtoul(hex.substr(at, 2).c_str(), nullptr, 16));
-    }
-    return v;
-}
+// What check reports, gathered once for the text and the JSON object.
+struct CheckSummary {
+    const char *bootloader, *kernel, *region;
+    bool format;
+    std::vector<std::pair<std::string, bool>> regionWork;   // asked for: what, failed
+    bool fromCard;
+    std::string programFolder;
+    std::vector<ImageRequest> requests;
+};
 
-void printSummary(const TarskEngine *e, sim::Device &dev) {
-    std::printf("\n---- summary ----\n");
-    std::printf("bootloader:     %s\n", passText(e->m_bUbootExists, e->m_bUpgradeBboot));
-    std::printf("kernel:         %s, format %s\n", passText(e->m_bKernelExists, e->m_bUpgradeKernel),
-                e->m_bFormatKernel ? "Yes" : "No");
-    std::printf("region:         %s\n", passText(e->m_bRegionExists, e->m_bUpgradeRegion));
+CheckSummary summarize(const TarskEngine *e, sim::Device &dev) {
+    CheckSummary s;
+    s.bootloader = decisionText(e->m_bUbootExists, e->m_bUpgradeBboot);
+    s.kernel = decisionText(e->m_bKernelExists, e->m_bUpgradeKernel);
+    s.region = decisionText(e->m_bRegionExists, e->m_bUpgradeRegion);
+    s.format = e->m_bFormatKernel != 0;
     const RegionDescriptor &r = e->m_RegionDescriptor;
-    if (r.serialNumberPresent || r.formatHidden || r.formatVisible) {
+    if (r.serialNumberPresent) s.regionWork.push_back({"serial number", e->m_bSerialNumberFail != 0});
+    if (r.formatHidden) s.regionWork.push_back({"hidden format", e->m_bFormatHiddenFail != 0});
+    if (r.formatVisible) s.regionWork.push_back({"visible format", e->m_bFormatVisibleAreaFail != 0});
+    s.fromCard = e->m_bUpgradeFromSDCard != 0;
+    s.programFolder = sim::utf8(e->m_szProgramFolder);
+    s.requests = imageRequests(dev.journal());
+    return s;
+}
+
+void printSummary(const CheckSummary &s) {
+    std::printf("\n---- summary ----\n");
+    std::printf("bootloader:     %s\n", s.bootloader);
+    std::printf("kernel:         %s, format %s\n", s.kernel, s.format ? "Yes" : "No");
+    std::printf("region:         %s\n", s.region);
+    if (!s.regionWork.empty()) {
         std::string work;
-        auto add = [&](const char *what, DWORD asked, DWORD failed) {
-            if (!asked) return;
+        for (const auto &[what, failed] : s.regionWork)
             work += std::string(work.empty() ? "" : ", ") + what + (failed ? " FAILED" : " OK");
-        };
-        add("serial number", r.serialNumberPresent, e->m_bSerialNumberFail);
-        add("hidden format", r.formatHidden, e->m_bFormatHiddenFail);
-        add("visible format", r.formatVisible, e->m_bFormatVisibleAreaFail);
         std::printf("region work:    %s\n", work.c_str());
     }
-    std::printf("package:        %s (%s)\n", e->m_bUpgradeFromSDCard ? "from the card" : "from internal flash",
-                sim::utf8(e->m_szProgramFolder).c_str());
+    std::printf("package:        %s (%s)\n", s.fromCard ? "from the card" : "from internal flash",
+                s.programFolder.c_str());
+    for (const ImageRequest &r : s.requests)
+        std::printf("kernel request: UpgradeType %u, UpgradeVia %u, UpgradeFormat %u (%s)\n", unsigned(r.upgradeType),
+                    unsigned(r.upgradeVia), unsigned(r.upgradeFormat), r.outcome().c_str());
+    if (s.requests.empty()) std::printf("kernel request: no request\n");
+}
 
-    int requests = 0;
-    for (const auto &ev : dev.journal().events("ioctl")) {
-        if (ev.value("code", "") != sim::hexCode(IOCTL_QRV_SYS_TARSK_IMAGE_UPGRADE)) continue;
-        std::string input = ev.value("input", "");
-        std::string outcome = ev.value("ok", false) ? "accepted"
-                                                     : "refused, error " + std::to_string(ev.value("error", 0));
-        std::printf("kernel request: UpgradeType %u, UpgradeVia %u, UpgradeFormat %u (%s)\n",
-                    unsigned(wordAt(input, 0)), unsigned(wordAt(input, 1)), unsigned(wordAt(input, 2)),
-                    outcome.c_str());
-        ++requests;
-    }
-    if (!requests) std::printf("kernel request: no request\n");
+ordered_json checkJson(const CheckSummary &s) {
+    ordered_json j = ordered_json::object();
+    j["bootloader"] = s.bootloader;
+    j["kernel"] = s.kernel;
+    j["region"] = s.region;
+    j["format"] = s.format ? 1 : 0;
+    ordered_json work = ordered_json::object();
+    for (const auto &[what, failed] : s.regionWork) work[what] = failed ? "FAILED" : "OK";
+    j["region_work"] = work;
+    j["from_card"] = s.fromCard;
+    j["program_folder"] = s.programFolder;
+    addRequest(j, s.requests);
+    return j;
 }
 
 }  // namespace
 
-// Prepares the device folder and the device for a command: the time scale, the sealing, the note on
-// a missing package.
-std::unique_ptr<sim::Device> prepareDevice(const RunOptions &o, fs::path &folder) {
-    folder = prepareFolder(o.device);
-    std::unique_ptr<sim::Device> dev = makeDevice(folder, o.journal);
-    if (o.timeScale >= 0) dev->clock().setScale(o.timeScale);
-    if (o.seal) {
-        fs::path sealed = sealSample(folder, dev->programPath());
-        std::printf("%s: sealed %s into %s\n", kTool, (folder / "upgrade.xml").c_str(), sealed.c_str());
-    }
-    notePackage(folder, *dev);
-    return dev;
-}
-
 int check(const RunOptions &o) {
-    fs::path folder;
-    std::unique_ptr<sim::Device> dev = prepareDevice(o, folder);
-    dev->install();
-    g_device = dev.get();
+    std::optional<JsonStdout> json;
+    if (o.json) json.emplace();
+    Prepared p = prepareDevice(o);
+    sim::Device &dev = *p.dev;
+    dev.install();
+    g_device = &dev;
 
     int rc = 0;
+    ordered_json j = ordered_json::object();
+    j["device"] = p.folder.string();
     TarskEngine *engine = new TarskEngine(onProgress);
     if (!engine || !engine->IsConstructed()) {
         std::fprintf(stderr, "%s: error: the engine could not be created\n", kTool);
         rc = 1;
     } else {
         if (engine->CheckForUpgrade(1) == 1 && !engine->BeginUpgrading()) rc = 1;
-        printSummary(engine, *dev);
+        CheckSummary s = summarize(engine, dev);
+        if (json) j.update(checkJson(s));
+        else printSummary(s);
     }
     delete engine;
-    std::printf("journal:        %s\n", dev->journal().file().c_str());
-    if (o.device.empty()) std::printf("device folder:  %s\n", folder.c_str());
+    j["warnings"] = p.warnings;
+    j["journal"] = dev.journal().file().string();
+    if (json) {
+        json->print(j);
+    } else {
+        std::printf("journal:        %s\n", dev.journal().file().c_str());
+        if (o.device.empty()) std::printf("device folder:  %s\n", p.folder.c_str());
+    }
 
-    dev->journal().write("end", {{"reason", "exit"}});
+    dev.journal().write("end", {{"reason", "exit"}});
     g_device = nullptr;
-    dev->uninstall();
+    dev.uninstall();
     return rc;
 }
 

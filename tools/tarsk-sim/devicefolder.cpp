@@ -2,6 +2,7 @@
 #include "simtool.h"
 
 #include <cstdio>
+#include <sys/mman.h>
 #include <unistd.h>
 
 namespace tarsk_sim {
@@ -66,8 +67,7 @@ void writeDefaultDevice(const fs::path &dest) {
     sealSample(dest, program);
 }
 
-// The profile is checked here first so that a syntax error is reported with its line.
-static void checkProfileSyntax(const fs::path &file) {
+void checkProfileSyntax(const fs::path &file) {
     try {
         (void)toml::parse_file(file.string());
     } catch (const toml::parse_error &e) {
@@ -80,10 +80,13 @@ static void checkProfileSyntax(const fs::path &file) {
 // Makes the device. The simulated device prints its own complaints about the profile to stderr before
 // it throws; they are held back here so that a bad profile gives one error line, and passed on when
 // the device was made (they are then only warnings).
-std::unique_ptr<sim::Device> makeDevice(const fs::path &folder, const fs::path &journal) {
+std::unique_ptr<sim::Device> makeDevice(const fs::path &folder, const fs::path &journal,
+                                        std::vector<std::string> *warningLines) {
     std::fflush(stderr);
     int saved = ::dup(2);
-    FILE *held = std::tmpfile();
+    // In memory: a temporary file on disk costs a boot of the fleet more than the rest of its set-up.
+    const int heldFd = ::memfd_create("tarsk-sim-held", MFD_CLOEXEC);
+    FILE *held = heldFd >= 0 ? ::fdopen(heldFd, "w+") : std::tmpfile();
     if (saved >= 0 && held) ::dup2(::fileno(held), 2);
     std::unique_ptr<sim::Device> dev;
     std::string error;
@@ -108,6 +111,11 @@ std::unique_ptr<sim::Device> makeDevice(const fs::path &folder, const fs::path &
         fail(2, (folder / "device.toml").string() + ": " + error);
     }
     std::fputs(warnings.c_str(), stderr);
+    if (warningLines) {
+        size_t from = 0;
+        for (size_t nl; (nl = warnings.find('\n', from)) != std::string::npos; from = nl + 1)
+            warningLines->push_back(warnings.substr(from, nl - from));
+    }
     return dev;
 }
 
@@ -148,11 +156,28 @@ fs::path prepareFolder(const std::string &deviceArg) {
     return folder;
 }
 
-void notePackage(const fs::path &folder, sim::Device &dev) {
+std::string packageNote(const fs::path &folder, sim::Device &dev) {
     fs::path package = packagePath(folder, dev.programPath());
-    if (!fs::exists(package))
-        std::printf("%s: no package: %s does not exist, so the engine will find nothing%s\n", kTool, package.c_str(),
-                    fs::exists(folder / "upgrade.xml") ? " (--seal seals upgrade.xml into it)" : "");
+    if (fs::exists(package)) return {};
+    return "no package: " + package.string() + " does not exist, so the engine will find nothing" +
+           (fs::exists(folder / "upgrade.xml") ? " (--seal seals upgrade.xml into it)" : "");
+}
+
+Prepared prepareDevice(const RunOptions &o) {
+    Prepared p;
+    p.folder = prepareFolder(o.device);
+    p.dev = makeDevice(p.folder, o.journal, &p.warnings);
+    if (o.timeScale >= 0) p.dev->clock().setScale(o.timeScale);
+    if (o.seal) {
+        fs::path sealed = sealSample(p.folder, p.dev->programPath());
+        std::printf("%s: sealed %s into %s\n", kTool, (p.folder / "upgrade.xml").c_str(), sealed.c_str());
+    }
+    std::string note = packageNote(p.folder, *p.dev);
+    if (!note.empty()) {
+        std::printf("%s: %s\n", kTool, note.c_str());
+        p.warnings.push_back(note);
+    }
+    return p;
 }
 
 }  // namespace tarsk_sim

@@ -1,9 +1,10 @@
 // tarsk-sim: runs the device program, or its upgrade engine alone, against a simulated device and
 // shows what the device would show and do.
 //
-//   tarsk-sim run [DEVICE] [--time-scale S] [--timeout SECONDS] [--journal FILE] [--seal]
-//   tarsk-sim check [DEVICE] [--time-scale S] [--journal FILE] [--seal]
+//   tarsk-sim run [DEVICE] [--time-scale S] [--timeout SECONDS] [--journal FILE] [--seal] [--json]
+//   tarsk-sim check [DEVICE] [--time-scale S] [--journal FILE] [--seal] [--json]
 //   tarsk-sim settings [DEVICE] [--json]
+//   tarsk-sim fleet PACKAGE DEVICE... [--seal] [--json | --csv] [--timeout SECONDS] [--jobs N]
 //   tarsk-sim new DIR
 //
 // Without DEVICE, run, check and settings work on a fresh copy of the built-in default device
@@ -39,6 +40,8 @@ void addDeviceOptions(CLI::App *cmd, RunOptions &o) {
     cmd->add_option("--journal", o.journal, "the journal file (default DEVICE/run/journal.jsonl)");
     cmd->add_flag("--seal", o.seal,
                   "first seal DEVICE/upgrade.xml with the build's key into upgrade.bin in the program's folder");
+    cmd->add_flag("--json", o.json,
+                  "print the summary as one JSON object on stdout; the panel and notes go to stderr");
 }
 
 }  // namespace
@@ -73,6 +76,25 @@ int main(int argc, char **argv) {
     settingsCmd->add_option("device", settingsOptions.device, "the device folder (device.toml, fs/, run/)");
     settingsCmd->add_flag("--json", settingsOptions.json, "print one JSON object instead of the text");
 
+    FleetOptions fleetOptions;
+    CLI::App *fleetCmd = app.add_subcommand(
+        "fleet", "rehearse a whole boot of every device with the package in its program's folder, each on a "
+                 "copy of the device (the given folders are left as they are), several at a time, and print "
+                 "one row per device: its decisions, the image request, how the boot ended. Exit codes: 0 no "
+                 "device crashed, 1 one crashed, 2 bad usage or bad input (a missing package, a folder that "
+                 "is no device, a bad profile)");
+    fleetCmd->add_option("package", fleetOptions.package, "the sealed package (upgrade.bin), or with --seal a "
+                                                          "descriptor XML")->required();
+    fleetCmd->add_option("devices", fleetOptions.devices, "device folders, or folders of device folders")
+        ->required();
+    fleetCmd->add_flag("--seal", fleetOptions.seal, "PACKAGE is a descriptor: seal it with the build's key first");
+    CLI::Option *fleetJson = fleetCmd->add_flag("--json", fleetOptions.json, "print a JSON list, one object a device");
+    fleetCmd->add_flag("--csv", fleetOptions.csv, "print the rows as CSV with a header")->excludes(fleetJson);
+    fleetCmd->add_option("--timeout", fleetOptions.timeoutSeconds,
+                         "end each boot after this many device seconds (600)")->check(nonNegative);
+    fleetCmd->add_option("-j,--jobs", fleetOptions.jobs, "boots at a time (default: one per core)")
+        ->check(CLI::Range(1u, 1024u));
+
     CLI::App *newCmd = app.add_subcommand("new", "write the default device, with its sealed package, into DIR");
     newCmd->add_option("dir", dir, "the folder to make (must not exist or be empty)")->required();
 
@@ -82,6 +104,7 @@ int main(int argc, char **argv) {
         if (runCmd->parsed()) return run(runOptions);
         if (checkCmd->parsed()) return check(checkOptions);
         if (settingsCmd->parsed()) return settings(settingsOptions);
+        if (fleetCmd->parsed()) return fleet(fleetOptions);
         return makeNew(dir);
     } catch (const Failure &f) {
         std::fflush(stdout);

@@ -1,20 +1,20 @@
 // tarsk-sim run: the whole device program (its entry, WinMain) on a device folder, as one process.
 //
 // The panel is echoed as it is appended (by the simulated window manager); at the end the panel's
-// final text is written to DEVICE/run/panel.txt (UTF-8, "\r\n" kept) and a short summary is printed.
+// final text is written to DEVICE/run/panel.txt (UTF-8, "\r\n" kept) and a short summary is printed
+// (with --json: one JSON object on stdout, the panel echoed to stderr).
 // The run ends: "exit" when the program returns, "reset" on a reset request, "handed-over" when the
 // kernel has accepted the image request and the window thread next waits for a message, "crash"
 // when an exception ended the process, "timeout" at the time-out (device seconds).
 #include "simtool.h"
 
-#include "power.h"
 #include "windows.h"
-#include "kernel.h"
 #include "tarskupgrade/tarskupgrade.h"
 
 #include <cmath>
 #include <cstdio>
 #include <fstream>
+#include <optional>
 
 namespace tarsk_sim {
 
@@ -30,51 +30,15 @@ void writePanel(sim::Device &dev, const fs::path &file) {
     out << sim::utf8(dev.windows().panelText());
 }
 
-void printSummary(sim::Device &dev, UINT code, const std::string &reason, const fs::path &panel,
-                  const std::string &folderNote) {
-    std::printf("\n---- summary ----\n");
-    std::printf("ended:          %s", reason.c_str());
-    if (reason == "exit") std::printf(", code %u", code);
-    if (reason == "crash") std::printf(", exception 0x%08X", code);
-    std::printf(" at %u ms of device time\n", dev.clock().ticks());
-    int requests = 0;
-    for (const auto &r : dev.kernel().acceptedImageRequests()) {
-        std::printf("kernel request: UpgradeType %u, UpgradeVia %u, UpgradeFormat %u (accepted)\n", r.upgradeType,
-                    r.upgradeVia, r.upgradeFormat);
-        ++requests;
-    }
-    for (const auto &ev : dev.journal().events("ioctl"))
-        if (ev.value("code", "") == sim::hexCode(sim::kIoctlImageUpgrade) && !ev.value("ok", false)) {
-            std::printf("kernel request: refused, error %d\n", ev.value("error", 0));
-            ++requests;
-        }
-    if (!requests) std::printf("kernel request: none\n");
-    for (const auto &ev : dev.journal().events("process_start"))
-        std::printf("started:        %s (%s)\n", ev.value("path", "").c_str(),
-                    ev.value("ok", false) ? "ok" : ("failed, error " + std::to_string(ev.value("error", 0))).c_str());
-    std::printf("panel:          %s\n", panel.c_str());
-    std::printf("journal:        %s\n", dev.journal().file().c_str());
-    if (!folderNote.empty()) std::printf("device folder:  %s\n", folderNote.c_str());
-}
-
 }  // namespace
 
-int run(const RunOptions &o) {
-    if (!(o.timeoutSeconds > 0) || o.timeoutSeconds > 4.0e6)
-        fail(2, "--timeout must be a number of device seconds above 0");
-    fs::path folder;
-    std::unique_ptr<sim::Device> dev = prepareDevice(o, folder);
-    sim::Device &d = *dev;
-    const fs::path panel = d.runDir() / "panel.txt";
-    const std::string folderNote = o.device.empty() ? folder.string() : std::string();
-
+void bootDevice(sim::Device &d, double timeoutSeconds, std::function<int(RunSummary &summary)> onEnd) {
     d.setEndAtHandOver(true);
-    d.setEndHandler([&d, panel, folderNote](UINT code, const std::string &reason) {
-        writePanel(d, panel);
-        printSummary(d, code, reason, panel, folderNote);
-        return exitCodeFor(reason);
+    d.setEndHandler([&d, onEnd](UINT code, const std::string &reason) {
+        RunSummary summary = summarizeRun(d, code, reason);
+        return onEnd(summary);
     });
-    const uint64_t timeoutMs = uint64_t(std::llround(o.timeoutSeconds * 1000.0));
+    const uint64_t timeoutMs = uint64_t(std::llround(timeoutSeconds * 1000.0));
     d.clock().at(timeoutMs, [&d] {
         // Ends from whatever thread moved the time on; the end handler reads no clock state.
         d.endProcess(0, "timeout");
@@ -85,6 +49,28 @@ int run(const RunOptions &o) {
     static WCHAR commandLine[] = {0};
     int code = TarskEntry(reinterpret_cast<HINSTANCE>(uintptr_t(0x10000)), commandLine, SW_SHOW);
     d.endProcess(UINT(code), "exit");
+}
+
+int run(const RunOptions &o) {
+    if (!(o.timeoutSeconds > 0) || o.timeoutSeconds > 4.0e6)
+        fail(2, "--timeout must be a number of device seconds above 0");
+    // Lives until the process ends: the end handler prints through it.
+    static std::optional<JsonStdout> json;
+    if (o.json) json.emplace();
+    Prepared p = prepareDevice(o);
+    sim::Device &d = *p.dev;
+    const fs::path panel = d.runDir() / "panel.txt";
+    const std::string folderNote = o.device.empty() ? p.folder.string() : std::string();
+    const std::vector<std::string> warnings = p.warnings;
+    const std::string folder = p.folder.string();
+
+    bootDevice(d, o.timeoutSeconds, [&d, panel, folderNote, warnings, folder](RunSummary &s) {
+        writePanel(d, panel);
+        s.warnings = warnings;
+        if (json) json->print(runJson(s, folder, panel.string()));
+        else printRunSummary(s, panel.string(), folderNote);
+        return exitCodeFor(s.end);
+    });
 }
 
 }  // namespace tarsk_sim

@@ -20,8 +20,6 @@ namespace tarsk_sim {
 
 namespace {
 
-using ordered_json = nlohmann::ordered_json;
-
 struct Seen {
     std::vector<std::string> sections;   // applied, in file order, as written
     std::vector<std::string> warnings;
@@ -178,30 +176,13 @@ void printText(const ordered_json &j, const std::string &host) {
     for (const auto &w : warnings) std::printf("  %s\n", w.get<std::string>().c_str());
 }
 
-// prepareFolder notes the copy of the default device on stdout; with --json stdout holds only the
-// object, so the note goes to stderr.
-fs::path prepareFolderQuietly(const std::string &device, bool json) {
-    if (!json) return prepareFolder(device);
-    std::fflush(stdout);
-    int saved = ::dup(1);
-    if (saved >= 0) ::dup2(2, 1);
-    struct Restore {
-        int saved;
-        ~Restore() {
-            std::fflush(stdout);
-            if (saved >= 0) {
-                ::dup2(saved, 1);
-                ::close(saved);
-            }
-        }
-    } restore{saved};
-    return prepareFolder(device);
-}
-
 }  // namespace
 
 int settings(const SettingsOptions &o) {
-    fs::path folder = prepareFolderQuietly(o.device, o.json);
+    // The note on a copy of the default device goes to stderr with --json.
+    std::optional<JsonStdout> json;
+    if (o.json) json.emplace();
+    fs::path folder = prepareFolder(o.device);
     std::unique_ptr<sim::Device> dev = makeDevice(folder, {});
     dev->install();
 
@@ -240,8 +221,8 @@ int settings(const SettingsOptions &o) {
     if (!loaded)
         fail(1, "no device_settings.ini: the device looks for " + ceFile + " (" + hostFile + ")");
     // The file's bytes are not necessarily UTF-8: what is not becomes U+FFFD rather than an error.
-    if (o.json)
-        std::printf("%s\n", j.dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+    if (json)
+        json->print(j);
     else
         printText(j, hostFile);
     return 0;

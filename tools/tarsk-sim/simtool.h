@@ -5,9 +5,12 @@
 #include "../tarsk-pack/tarsk_package.h"
 
 #include "device.h"
+#include "summary.h"
 
+#include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace tarsk_sim {
 
@@ -32,23 +35,48 @@ fs::path sealSample(const fs::path &device, const std::u16string &program);
 fs::path packagePath(const fs::path &device, const std::u16string &program);
 // Copies the default device into an empty folder and seals its package there.
 void writeDefaultDevice(const fs::path &dest);
-// Makes the device (the profile's syntax errors and bad values give one error line, exit 2).
-std::unique_ptr<sim::Device> makeDevice(const fs::path &folder, const fs::path &journal);
-// Prints a note when the program's folder holds no package.
-void notePackage(const fs::path &folder, sim::Device &dev);
+// The profile's syntax, checked first so that an error is reported with its line (exit 2).
+void checkProfileSyntax(const fs::path &file);
+// Makes the device (the profile's syntax errors and bad values give one error line, exit 2). The
+// profile's complaints that did not stop it go to stderr and, when given, into warnings.
+std::unique_ptr<sim::Device> makeDevice(const fs::path &folder, const fs::path &journal,
+                                        std::vector<std::string> *warnings = nullptr);
+// The note for a program's folder that holds no package, else empty.
+std::string packageNote(const fs::path &folder, sim::Device &dev);
 
 struct RunOptions {
     std::string device, journal;
     double timeScale = -1;     // below 0: the profile's (default 0, deterministic)
     double timeoutSeconds = 600;
     bool seal = false;
+    bool json = false;
 };
 // The device folder and the device for a command: the time scale, --seal, the note on a missing
-// package. folder receives the folder run on.
-std::unique_ptr<sim::Device> prepareDevice(const RunOptions &options, fs::path &folder);
+// package (printed, and kept in warnings with the profile's complaints).
+struct Prepared {
+    fs::path folder;
+    std::unique_ptr<sim::Device> dev;
+    std::vector<std::string> warnings;
+};
+Prepared prepareDevice(const RunOptions &options);
 int check(const RunOptions &options);
 int run(const RunOptions &options);
 int makeNew(const std::string &dir);
+
+// A whole boot of the device program on a device made for it, in the way `run` does it: the run
+// ends at the hand-over, at the time-out (device seconds) or when the program ends; onEnd receives
+// the run's summary and gives the process's exit code. Never returns.
+[[noreturn]] void bootDevice(sim::Device &dev, double timeoutSeconds,
+                             std::function<int(RunSummary &summary)> onEnd);
+
+struct FleetOptions {
+    std::string package;
+    std::vector<std::string> devices;
+    bool seal = false, json = false, csv = false;
+    double timeoutSeconds = 600;
+    unsigned jobs = 0;         // 0: one per core
+};
+int fleet(const FleetOptions &options);
 
 struct SettingsOptions {
     std::string device;
