@@ -109,14 +109,19 @@ int digitRuns(const std::string &text) {
     return runs;
 }
 
+// The report, gathered here and printed as text or JSON by the caller.
 struct Report {
-    std::ostringstream out;
-    std::vector<std::string> warnings;
+    Inspection &in;
+    Record *record = nullptr;
 
-    void line(const std::string &field, const std::optional<std::string> &raw, const std::string &read) {
-        out << "  " << std::left << std::setw(18) << field << std::setw(28) << shown(raw) << " -> " << read << "\n";
+    void begin(const std::string &kind, const std::string &path, bool present) {
+        in.records.push_back({kind, path, present, {}});
+        record = &in.records.back();
     }
-    void warn(const std::string &text) { warnings.push_back(text); }
+    void line(const std::string &field, const std::optional<std::string> &raw, const nlohmann::ordered_json &read) {
+        record->fields.push_back({field, raw, read});
+    }
+    void warn(const std::string &text) { in.warnings.push_back(text); }
 };
 
 void checkVersion(Report &r, const char *kind, const std::optional<std::string> &raw, DWORD read) {
@@ -145,11 +150,12 @@ void checkCut(Report &r, const std::string &what, const std::optional<std::strin
 }
 
 std::string readText(const WCHAR *text) { return quoted(sim::utf8(text)); }
+std::string plainText(const WCHAR *text) { return sim::utf8(text); }
 
 // One image record: the texts as written beside the record as the device read it.
 void imageRecord(Report &r, mxml_node_t *tree, const char *kind, const char *label, const DeviceDescriptor &d) {
     mxml_node_t *upgrade = child(child(anywhere(tree, "device"), kind), "upgrade");
-    r.out << label << " (device/" << kind << "/upgrade)" << (upgrade ? "" : ": not in the package") << "\n";
+    r.begin(label, std::string("device/") + kind + "/upgrade", upgrade != nullptr);
     mxml_node_t *hardware = child(upgrade, "hardware");
     auto version = textOf(child(upgrade, "version"));
     auto force = textOf(child(upgrade, "force"));
@@ -157,11 +163,11 @@ void imageRecord(Report &r, mxml_node_t *tree, const char *kind, const char *lab
     auto hwType = textOf(child(hardware, "type"));
     auto hwVersion = textOf(child(hardware, "version"));
 
-    r.line("version", version, std::to_string(d.version[0]));
-    r.line("force", force, std::to_string(d.force));
-    r.line("format", format, std::to_string(d.format));
-    r.line("hardware type", hwType, readText(d.hardwareType));
-    r.line("hardware version", hwVersion, readText(d.hardwareVersion));
+    r.line("version", version, d.version[0]);
+    r.line("force", force, d.force);
+    r.line("format", format, d.format);
+    r.line("hardware type", hwType, plainText(d.hardwareType));
+    r.line("hardware version", hwVersion, plainText(d.hardwareVersion));
 
     checkVersion(r, label, version, d.version[0]);
     checkFlag(r, std::string(label) + " force", force, d.force);
@@ -179,15 +185,15 @@ void imageRecord(Report &r, mxml_node_t *tree, const char *kind, const char *lab
 void regionRecord(Report &r, mxml_node_t *tree, int found, const RegionDescriptor &d) {
     mxml_node_t *region = anywhere(tree, "region");
     mxml_node_t *upgrade = child(region, "upgrade");
-    r.out << "region (region/upgrade)" << (upgrade ? "" : ": not in the package") << "\n";
+    r.begin("region", "region/upgrade", upgrade != nullptr);
     auto serial = textOf(child(upgrade, "serialnum"));
     auto hidden = textOf(child(upgrade, "formatHidden"));
     auto visible = textOf(child(upgrade, "formatVisible"));
     auto force = textOf(child(upgrade, "force"));
-    r.line("serialnum", serial, readText(d.serialNumber));
-    r.line("formatHidden", hidden, std::to_string(d.formatHidden));
-    r.line("formatVisible", visible, std::to_string(d.formatVisible));
-    r.line("force", force, std::to_string(d.force));
+    r.line("serialnum", serial, plainText(d.serialNumber));
+    r.line("formatHidden", hidden, d.formatHidden);
+    r.line("formatVisible", visible, d.formatVisible);
+    r.line("force", force, d.force);
 
     if (!found && tree) r.warn("no region element: the device's region reader fails and the region is bypassed");
     checkCut(r, "region serialnum", serial, REGIONDESC_SERIAL_CHARS - 1);
@@ -245,7 +251,7 @@ std::optional<DeviceReading> readOnDevice(const Bytes &plain, std::string &why) 
 
 }  // namespace
 
-int inspectPackage(const Bytes &plain, const std::string &header, std::ostream &out, std::string &why) {
+int inspectPackage(const Bytes &plain, Inspection &in, std::string &why) {
     std::optional<DeviceReading> read = readOnDevice(plain, why);
     if (!read) return 2;
 
@@ -264,17 +270,10 @@ int inspectPackage(const Bytes &plain, const std::string &header, std::ostream &
     }
     mxmlSetErrorCallback(nullptr);
 
-    Report r;
-    bool carriesBoot = child(child(anywhere(tree, "device"), "bootloader"), "upgrade") != nullptr;
-    bool carriesKernel = child(child(anywhere(tree, "device"), "kernel"), "upgrade") != nullptr;
-    bool carriesRegion = child(anywhere(tree, "region"), "upgrade") != nullptr;
-    std::string kinds;
-    if (carriesBoot) kinds += "bootloader";
-    if (carriesKernel) kinds += std::string(kinds.empty() ? "" : ", ") + "kernel";
-    if (carriesRegion) kinds += std::string(kinds.empty() ? "" : ", ") + "region";
-
-    out << header << "\n";
-    out << "carries: " << (kinds.empty() ? "nothing the device can use" : kinds) << "\n\n";
+    Report r{in};
+    if (child(child(anywhere(tree, "device"), "bootloader"), "upgrade")) in.carries.push_back("bootloader");
+    if (child(child(anywhere(tree, "device"), "kernel"), "upgrade")) in.carries.push_back("kernel");
+    if (child(anywhere(tree, "region"), "upgrade")) in.carries.push_back("region");
 
     if (plain.empty()) {
         r.warn("the package is empty: the device ignores it without a word");
@@ -290,11 +289,38 @@ int inspectPackage(const Bytes &plain, const std::string &header, std::ostream &
     imageRecord(r, tree, "kernel", "kernel", read->kernel);
     regionRecord(r, tree, read->regionFound, read->region);
     if (tree) mxmlDelete(tree);
+    return in.carries.empty() ? 1 : 0;
+}
 
-    out << r.out.str();
-    if (!r.warnings.empty()) out << "\n";
-    for (const std::string &w : r.warnings) out << "warning: " << w << "\n";
-    return kinds.empty() ? 1 : 0;
+void printInspection(const Inspection &in, const std::string &header, std::ostream &out) {
+    std::string kinds;
+    for (const std::string &k : in.carries) kinds += (kinds.empty() ? "" : ", ") + k;
+    out << header << "\n";
+    out << "carries: " << (kinds.empty() ? "nothing the device can use" : kinds) << "\n\n";
+    for (const Record &rec : in.records) {
+        out << rec.kind << " (" << rec.path << ")" << (rec.present ? "" : ": not in the package") << "\n";
+        for (const Field &f : rec.fields) {
+            const std::string read = f.read.is_string() ? quoted(f.read.get<std::string>()) : f.read.dump();
+            out << "  " << std::left << std::setw(18) << f.name << std::setw(28) << shown(f.written) << " -> " << read
+                << "\n";
+        }
+    }
+    if (!in.warnings.empty()) out << "\n";
+    for (const std::string &w : in.warnings) out << "warning: " << w << "\n";
+}
+
+nlohmann::ordered_json inspectionJson(const Inspection &in) {
+    nlohmann::ordered_json j = nlohmann::ordered_json::object();
+    j["carries"] = in.carries;
+    for (const Record &rec : in.records) {
+        nlohmann::ordered_json fields = nlohmann::ordered_json::object();
+        for (const Field &f : rec.fields)
+            fields[f.name] = {{"written", f.written ? nlohmann::ordered_json(*f.written) : nlohmann::ordered_json()},
+                              {"read", f.read}};
+        j[rec.kind] = {{"path", rec.path}, {"present", rec.present}, {"fields", fields}};
+    }
+    j["warnings"] = in.warnings;
+    return j;
 }
 
 }  // namespace tarsk_tools

@@ -2,7 +2,7 @@
 //
 //   tarsk-pack seal DESCRIPTOR.xml -o upgrade.bin [--key HEX]   encipher a descriptor
 //   tarsk-pack open upgrade.bin -o upgrade.xml [--key HEX]      decipher a package
-//   tarsk-pack inspect upgrade.bin [--key HEX]                  show what the device will read
+//   tarsk-pack inspect upgrade.bin [--key HEX] [--json]         show what the device will read
 //
 // Exit codes: 0 done, 1 the operation failed, 2 bad usage or bad input (nothing is written then).
 #include "inspect.h"
@@ -66,15 +66,24 @@ int cmdOpen(const std::string &in, const std::string &out) {
     return 0;
 }
 
-int cmdInspect(const std::string &in) {
+int cmdInspect(const std::string &in, bool json) {
     PackageKey key = keyFrom();
     Bytes data = input(in);
     unseal(data, key);
-    std::string header = in + ": " + std::to_string(data.size()) + " bytes, deciphered with " +
-                         (g_keyText ? "the given key" : "the build's key");
+    Inspection inspection;
     std::string why;
-    int rc = inspectPackage(data, header, std::cout, why);
+    int rc = inspectPackage(data, inspection, why);
     if (rc == 2) fail(1, why);
+    if (json) {
+        nlohmann::ordered_json j = {{"package", in}, {"bytes", data.size()}, {"key", g_keyText ? "given" : "build"}};
+        j.update(inspectionJson(inspection));
+        // The descriptor's texts are not necessarily UTF-8: what is not becomes U+FFFD.
+        std::cout << j.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << "\n";
+    } else {
+        printInspection(inspection, in + ": " + std::to_string(data.size()) + " bytes, deciphered with " +
+                                        (g_keyText ? "the given key" : "the build's key"),
+                        std::cout);
+    }
     return rc;
 }
 
@@ -107,6 +116,8 @@ int main(int argc, char **argv) {
                    "when the device can use nothing in the package");
     inspectCmd->add_option("package", in, "the package (upgrade.bin)")->required();
     keyOptions.push_back(inspectCmd->add_option("--key", key, keyHelp));
+    bool json = false;
+    inspectCmd->add_flag("--json", json, "print the report as one JSON object");
 
     if (int code = parseCommandLine(app, argc, argv, kTool); code >= 0) return code;
 
@@ -115,7 +126,7 @@ int main(int argc, char **argv) {
             if (opt->count()) g_keyText = key;
         if (sealCmd->parsed()) return cmdSeal(in, out);
         if (openCmd->parsed()) return cmdOpen(in, out);
-        return cmdInspect(in);
+        return cmdInspect(in, json);
     } catch (const Failure &f) {
         std::cerr << kTool << ": error: " << f.text << "\n";
         return f.code;
