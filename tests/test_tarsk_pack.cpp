@@ -152,12 +152,21 @@ TEST_F(PackTest, InspectShowsTheDevicesReadingAndWarns) {
         {"region", "formatHidden", "\"false\"", "1"},
         {"region", "formatVisible", "(missing)", "0"},
     };
+    const std::string text = r;
+    ASSERT_EQ(pack("inspect --json " + at("upgrade.bin")), 0) << m_err;
+    const nlohmann::json j = nlohmann::json::parse(m_out);
+    EXPECT_EQ(j["carries"], nlohmann::json({"bootloader", "kernel", "region"}));
     for (const auto &f : fields) {
         SCOPED_TRACE(std::string(f.section) + " " + f.field);
-        const std::string line = fieldLine(r, f.section, f.field);
-        EXPECT_NE(line.find(f.written), std::string::npos) << r;
+        const std::string line = fieldLine(text, f.section, f.field);
+        EXPECT_NE(line.find(f.written), std::string::npos) << text;
         EXPECT_EQ(valueOf(line), f.read) << line;
+        // The same in the JSON object: missing is null, texts unquoted.
+        const nlohmann::json &field = j[f.section]["fields"][f.field];
+        EXPECT_EQ(field["written"].is_null() ? "(missing)" : field["written"].dump(), f.written);
+        EXPECT_EQ(field["read"].dump(), f.read);
     }
+    EXPECT_EQ(j["warnings"].size(), size_t(testing_support::occurrences(text, "\nwarning: ")));
     for (const char *warning : {
              "warning: kernel version \"V1.02\" holds more than one number: the device reads only the first, 1",
              "warning: kernel force \"true\" is not \"0\" or \"1\": the device reads it as 1",
@@ -168,11 +177,11 @@ TEST_F(PackTest, InspectShowsTheDevicesReadingAndWarns) {
              "warning: region serialnum has 25 characters: the device keeps the first 19",
              "warning: region formatHidden \"false\" is not \"0\" or \"1\": the device reads it as 1",
          }) {
-        EXPECT_NE(r.find(warning), std::string::npos) << "missing: " << warning << "\n" << r;
+        EXPECT_NE(text.find(warning), std::string::npos) << "missing: " << warning << "\n" << text;
     }
     // Plain values draw no warning.
-    EXPECT_EQ(r.find("kernel format \"1\""), std::string::npos) << r;
-    EXPECT_EQ(r.find("bootloader format"), std::string::npos) << r;
+    EXPECT_EQ(text.find("kernel format \"1\""), std::string::npos) << text;
+    EXPECT_EQ(text.find("bootloader format"), std::string::npos) << text;
 }
 
 TEST_F(PackTest, InspectOfAnUnusablePackageFails) {

@@ -13,7 +13,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <iomanip>
-#include <sstream>
 
 namespace tarsk_tools {
 
