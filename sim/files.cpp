@@ -152,6 +152,24 @@ struct Entry {
     fs::file_type type;
 };
 
+// Calls fn(name, d_type) for each entry of a host folder but "." and ".."; false when the folder
+// cannot be read. Plain getdents64 on the folder: a listing is one open, its reads and one close.
+template <class Fn> bool listFolder(const fs::path &dir, Fn fn) {
+    const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return false;
+    alignas(dirent64) char buf[4096];
+    ssize_t n;
+    while ((n = ::getdents64(fd, buf, sizeof buf)) > 0) {
+        for (ssize_t at = 0; at < n;) {
+            const auto *e = reinterpret_cast<const dirent64 *>(buf + at);
+            at += e->d_reclen;
+            if (std::strcmp(e->d_name, ".") && std::strcmp(e->d_name, "..")) fn(e->d_name, e->d_type);
+        }
+    }
+    ::close(fd);
+    return n == 0;
+}
+
 // The entry of a folder that matches name without regard to case (exact spelling first, else the
 // first matching name in byte order). A path is resolved on nearly every call of the program, so
 // this asks the host as little as it can: one lstat for an exact spelling, else one listing.
@@ -162,13 +180,9 @@ std::optional<Entry> matchEntry(const fs::path &dir, const std::u16string &name)
     if (::lstat(spelled.c_str(), &st) == 0)
         return Entry{exact, S_ISLNK(st.st_mode) ? statusType(spelled) : typeOfMode(st.st_mode)};
     std::vector<std::pair<std::string, unsigned char>> hits;
-    if (DIR *d = ::opendir(dir.c_str())) {
-        while (const dirent *e = ::readdir(d)) {
-            if (!std::strcmp(e->d_name, ".") || !std::strcmp(e->d_name, "..")) continue;
-            if (sameName(fromUtf8(e->d_name), name)) hits.emplace_back(e->d_name, e->d_type);
-        }
-        ::closedir(d);
-    }
+    listFolder(dir, [&](const char *entry, unsigned char type) {
+        if (sameName(fromUtf8(entry), name)) hits.emplace_back(entry, type);
+    });
     if (hits.empty()) return std::nullopt;
     std::sort(hits.begin(), hits.end());
     const auto &[hit, type] = hits.front();
@@ -182,12 +196,14 @@ Where locateParts(const fs::path &root, const std::vector<std::u16string> &parts
     w.host = root;
     w.isRoot = parts.empty();
     std::vector<std::u16string> spelled;
-    fs::file_type type = statusType(root);   // of what w.host names so far (not_found once a part is missing)
+    // The type of what w.host names so far (not_found once a part is missing). The root's is asked
+    // for only when its first part is not found in it: when one is, the root is a folder.
+    fs::file_type type = parts.empty() ? statusType(root) : fs::file_type::directory;
     for (size_t i = 0; i < parts.size(); ++i) {
-        const bool inFolder = type == fs::file_type::directory;
-        if (i + 1 == parts.size()) w.parentIsDir = inFolder;
         std::optional<Entry> entry;
-        if (inFolder) entry = matchEntry(w.host, parts[i]);
+        if (type == fs::file_type::directory) entry = matchEntry(w.host, parts[i]);
+        if (i == 0 && !entry) type = statusType(root);
+        if (i + 1 == parts.size()) w.parentIsDir = type == fs::file_type::directory;
         if (entry) {
             w.host /= entry->name;
             spelled.push_back(fromUtf8(entry->name));
@@ -784,14 +800,17 @@ HANDLE WINAPI FindFirstFileW(LPCWSTR pattern, LPWIN32_FIND_DATAW data) {
     }
     std::u16string pat = w->last;
     bool wild = pat.find_first_of(u"*?") != std::u16string::npos;
+    if (!wild && !w->exists) {
+        // The lookup found no spelling of the name: the listing would find none either.
+        setLastError(ERROR_FILE_NOT_FOUND);
+        return INVALID_HANDLE_VALUE;
+    }
     if (pat == u"*.*") pat.assign(1, u'*');
     fs::path folder = w->host.parent_path();
     std::vector<std::string> names;
-    std::error_code ec;
-    for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
-        std::string entry = it->path().filename().string();
+    listFolder(folder, [&](const char *entry, unsigned char) {
         if (wildMatch(pat, fromUtf8(entry))) names.push_back(entry);
-    }
+    });
     std::sort(names.begin(), names.end(), [](const std::string &a, const std::string &b) {
         std::u16string x = fromUtf8(a), y = fromUtf8(b);
         for (char16_t &c : x) c = fold(c);

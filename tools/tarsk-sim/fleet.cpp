@@ -4,10 +4,13 @@
 //
 // The device program keeps process-wide state (globals, caches computed once), so every boot runs in
 // a process of its own: the parent reads the package and the device list, then forks one child per
-// device, as many at a time as there are cores. A forked child starts from the parent's untouched
-// state without loading or linking anything again. The child copies its device, boots it, sends its
+// device, as many at a time as there are cores, each kept on a core of its own. A forked child starts
+// from the parent's untouched state without loading or linking anything again. The child copies its device, boots it, sends its
 // summary (the run's JSON object, one line) through a pipe, removes its copy and ends; the parent
 // keeps the rows in the order the devices were given and prints them once all have ended.
+//
+// What a boot costs is mostly the host's file system: the copies go to /dev/shm (see workBase), are
+// made and removed with the *at calls, and the journal stays in memory.
 #include "simtool.h"
 
 #include "windows.h"
@@ -21,6 +24,7 @@
 #include <fcntl.h>
 #include <map>
 #include <poll.h>
+#include <sched.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -92,7 +96,7 @@ struct Fd {
 // where the file system gives none).
 std::vector<std::pair<std::string, unsigned char>> entries(int dirFd, const fs::path &path) {
     std::vector<std::pair<std::string, unsigned char>> out;
-    alignas(dirent64) char buf[8192];
+    alignas(dirent64) char buf[2048];   // a device's folders hold a few entries: one read, few stack pages
     for (;;) {
         const ssize_t n = ::getdents64(dirFd, buf, sizeof buf);
         if (n < 0) systemFailure("cannot read the folder", path);
@@ -259,8 +263,31 @@ struct Child {
     pid_t pid;
     int fd;
     size_t index;
+    unsigned slot;   // which of the pool's places it holds
     std::string out;
 };
+
+// The cores this process may run on.
+std::vector<int> allowedCores() {
+    std::vector<int> cores;
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    if (::sched_getaffinity(0, sizeof set, &set) == 0)
+        for (int c = 0; c < CPU_SETSIZE; ++c)
+            if (CPU_ISSET(c, &set)) cores.push_back(c);
+    return cores;
+}
+
+// Keeps the calling process on one core. A boot's threads hand the device to each other many times
+// (device time moves on only when all of them wait): on one core a hand-over is a switch on the spot,
+// across cores it waits for the other core's scheduler, which on a busy machine costs more than the
+// boot's own work.
+void pinTo(int core) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(core, &set);
+    ::sched_setaffinity(0, sizeof set, &set);
+}
 
 // The row of a device: the run's decision fields, or what is known of a boot that gave none.
 ordered_json rowOf(const FleetDevice &d, const std::string &out, int status) {
@@ -294,11 +321,9 @@ ordered_json rowOf(const FleetDevice &d, const std::string &out, int status) {
 // Boots every device, jobs at a time; the rows in the order of devices.
 std::vector<ordered_json> bootAll(const std::vector<FleetDevice> &devices, const Bytes &package,
                                   const FleetOptions &o, const fs::path &work) {
-    unsigned jobs = o.jobs;
-    if (!jobs) {
-        long cores = ::sysconf(_SC_NPROCESSORS_ONLN);
-        jobs = cores > 0 ? unsigned(cores) : 1;
-    }
+    const std::vector<int> cores = allowedCores();
+    const unsigned jobs = o.jobs ? o.jobs : std::max<unsigned>(1, unsigned(cores.size()));
+    std::vector<bool> taken(jobs, false);
     const int devNull = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
     std::vector<ordered_json> rows(devices.size());
     std::vector<Child> running;
@@ -310,11 +335,13 @@ std::vector<ordered_json> bootAll(const std::vector<FleetDevice> &devices, const
                 if (running.empty()) fail(1, "cannot make a pipe: " + tarsk_tools::systemError(errno));
                 break;
             }
+            const unsigned slot = unsigned(std::find(taken.begin(), taken.end(), false) - taken.begin());
             std::fflush(stdout);
             std::fflush(stderr);
             const pid_t pid = ::fork();
             if (pid == 0) {
                 ::close(fds[0]);
+                if (!cores.empty()) pinTo(cores[slot % cores.size()]);
                 if (devNull >= 0) ::dup2(devNull, 1);   // notes and echoes of the boot are not the table's
                 bootChild(devices[next], work / std::to_string(next), package, o.timeoutSeconds, fds[1]);
             }
@@ -324,7 +351,8 @@ std::vector<ordered_json> bootAll(const std::vector<FleetDevice> &devices, const
                 if (running.empty()) fail(1, "cannot start a boot: " + tarsk_tools::systemError(errno));
                 break;   // again when a boot has ended
             }
-            running.push_back({pid, fds[0], next++, {}});
+            taken[slot] = true;
+            running.push_back({pid, fds[0], next++, slot, {}});
         }
         std::vector<pollfd> polls;
         for (const Child &c : running) polls.push_back({c.fd, POLLIN, 0});
@@ -345,6 +373,7 @@ std::vector<ordered_json> bootAll(const std::vector<FleetDevice> &devices, const
             int status = 0;
             while (::waitpid(c.pid, &status, 0) < 0 && errno == EINTR) {}
             rows[c.index] = rowOf(devices[c.index], c.out, status);
+            taken[c.slot] = false;
             running.erase(running.begin() + long(i));
         }
     }
