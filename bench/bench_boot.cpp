@@ -52,14 +52,21 @@ int runSim(const std::vector<std::string> &args, double *cpu = nullptr) {
     return WEXITSTATUS(status);
 }
 
-void BM_BootRehearsal(benchmark::State &state) {
-    std::string tmpl = (fs::temp_directory_path() / "tarsk-bench-boot-XXXXXX").string();
+// A fresh temporary folder holding the default device as "pristine" (empty path after an error).
+fs::path withDefaultDevice(benchmark::State &state, const std::string &prefix) {
+    std::string tmpl = (fs::temp_directory_path() / (prefix + "-XXXXXX")).string();
     if (!::mkdtemp(tmpl.data())) {
         state.SkipWithError("no temporary folder");
-        return;
+        return {};
     }
-    const fs::path base = tmpl, pristine = base / "pristine", work = base / "work";
-    if (runSim({"new", pristine.string()}) != 0) state.SkipWithError("tarsk-sim new failed");
+    if (runSim({"new", (fs::path(tmpl) / "pristine").string()}) != 0) state.SkipWithError("tarsk-sim new failed");
+    return tmpl;
+}
+
+void BM_BootRehearsal(benchmark::State &state) {
+    const fs::path base = withDefaultDevice(state, "tarsk-bench-boot");
+    if (base.empty()) return;
+    const fs::path pristine = base / "pristine", work = base / "work";
     double cpu = 0;
     for (auto _ : state) {
         if (state.error_occurred()) break;
@@ -79,14 +86,10 @@ void BM_BootRehearsal(benchmark::State &state) {
 constexpr int kFleetDevices = 120;
 
 void BM_FleetRehearsal(benchmark::State &state) {
-    std::string tmpl = (fs::temp_directory_path() / "tarsk-bench-fleet-XXXXXX").string();
-    if (!::mkdtemp(tmpl.data())) {
-        state.SkipWithError("no temporary folder");
-        return;
-    }
-    const fs::path base = tmpl, pristine = base / "pristine", fleet = base / "fleet";
+    const fs::path base = withDefaultDevice(state, "tarsk-bench-fleet");
+    if (base.empty()) return;
+    const fs::path pristine = base / "pristine", fleet = base / "fleet";
     const fs::path package = pristine / "fs" / "My Flash Disk" / "upgrade.bin";
-    if (runSim({"new", pristine.string()}) != 0) state.SkipWithError("tarsk-sim new failed");
     // Kernels V1 to V5, hardware HW1 to HW3 (HW2 bypasses the package's images), bootloaders 1 to 3:
     // boots that hand over with each kind of request and boots that find nothing to do.
     std::ifstream in(pristine / "device.toml");
