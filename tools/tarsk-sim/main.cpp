@@ -14,9 +14,7 @@
 #include <CLI/CLI.hpp>
 
 #include <cstdlib>
-#include <cstring>
 #include <iostream>
-#include <unistd.h>
 
 #ifndef TARSK_SOURCE_DIR
 #error "TARSK_SOURCE_DIR must name the source tree (it holds devices/default)"
@@ -49,14 +47,6 @@ void addDeviceOptions(CLI::App *cmd, RunOptions &o) {
 }  // namespace
 
 int main(int argc, char **argv) {
-    // The fleet forks a process per boot. With every library's symbols bound before the first fork,
-    // no boot binds them again on its first calls (a fifth of a boot's page faults): so the fleet
-    // starts itself once more with LD_BIND_NOW, and goes on as it is if that cannot be done.
-    if (argc > 1 && std::strcmp(argv[1], "fleet") == 0 && !std::getenv("LD_BIND_NOW")) {
-        ::setenv("LD_BIND_NOW", "1", 1);
-        ::execv("/proc/self/exe", argv);
-        ::unsetenv("LD_BIND_NOW");
-    }
     CLI::App app{"Runs the device program, or its upgrade engine alone, against a simulated device.", kTool};
     app.require_subcommand(1);
 
