@@ -5,12 +5,13 @@
 // The device program keeps process-wide state (globals, caches computed once), so every boot runs in
 // a process of its own: the parent reads the package and the device list, then forks one child per
 // device, as many at a time as there are cores, each kept on a core of its own. A forked child starts
-// from the parent's untouched state without loading or linking anything again. The child copies its device, boots it, sends its
-// summary (the run's JSON object, one line) through a pipe, removes its copy and ends; the parent
-// keeps the rows in the order the devices were given and prints them once all have ended.
+// from the parent's untouched state without loading or linking anything again. The child copies its
+// device, boots it, sends its summary (the run's JSON object, one line) through a pipe, removes its
+// copy and ends; the parent keeps the rows in the order the devices were given and prints them once
+// all have ended.
 //
-// What a boot costs is mostly the host's file system: the copies go to /dev/shm (see workBase), are
-// made and removed with the *at calls, and the journal stays in memory.
+// Besides the program itself, a boot costs mostly the fork and the host's file system: the copies go
+// to /dev/shm (see workBase), are made and removed with the *at calls, and the journal stays in memory.
 #include "simtool.h"
 
 #include "windows.h"
