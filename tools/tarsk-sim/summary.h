@@ -18,9 +18,6 @@ using ordered_json = nlohmann::ordered_json;
 // The engine's decisions: the three images and the kernel's format.
 struct Decisions {
     bool bootloader = false, kernel = false, region = false, format = false;
-    bool operator==(const Decisions &o) const {
-        return bootloader == o.bootloader && kernel == o.kernel && region == o.region && format == o.format;
-    }
 };
 Decisions decisionsOf(const TarskEngine &engine);
 const char *passText(bool pass);   // "Pass" or "Bypass"
