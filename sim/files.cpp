@@ -140,9 +140,9 @@ fs::file_type typeOfMode(mode_t mode) {
 
 // The type of what a host path names, a symbolic link followed: not_found when nothing is there,
 // none when it cannot be told (as std::filesystem::status gives them).
-fs::file_type statusType(const fs::path &p) {
+fs::file_type statusType(const char *p) {
     struct stat st;
-    if (::stat(p.c_str(), &st) == 0) return typeOfMode(st.st_mode);
+    if (::stat(p, &st) == 0) return typeOfMode(st.st_mode);
     return errno == ENOENT || errno == ENOTDIR ? fs::file_type::not_found : fs::file_type::none;
 }
 
@@ -154,8 +154,8 @@ struct Entry {
 
 // Calls fn(name, d_type) for each entry of a host folder but "." and ".."; false when the folder
 // cannot be read. Plain getdents64 on the folder: a listing is one open, its reads and one close.
-template <class Fn> bool listFolder(const fs::path &dir, Fn fn) {
-    const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+template <class Fn> bool listFolder(const char *dir, Fn fn) {
+    const int fd = ::open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0) return false;
     alignas(dirent64) char buf[4096];
     ssize_t n;
@@ -170,17 +170,18 @@ template <class Fn> bool listFolder(const fs::path &dir, Fn fn) {
     return n == 0;
 }
 
-// The entry of a folder that matches name without regard to case (exact spelling first, else the
-// first matching name in byte order). A path is resolved on nearly every call of the program, so
-// this asks the host as little as it can: one lstat for an exact spelling, else one listing.
-std::optional<Entry> matchEntry(const fs::path &dir, const std::u16string &name) {
+// The entry of a host folder that matches name without regard to case (exact spelling first, else
+// the first matching name in byte order). A path is resolved on nearly every call of the program, so
+// this asks the host as little as it can (one lstat for an exact spelling, else one listing) and
+// works on plain strings: std::filesystem splits a path into its parts at every step.
+std::optional<Entry> matchEntry(const std::string &dir, const std::u16string &name) {
     std::string exact = utf8(name);
-    const fs::path spelled = dir / exact;
+    const std::string spelled = dir + '/' + exact;
     struct stat st;
     if (::lstat(spelled.c_str(), &st) == 0)
-        return Entry{exact, S_ISLNK(st.st_mode) ? statusType(spelled) : typeOfMode(st.st_mode)};
+        return Entry{exact, S_ISLNK(st.st_mode) ? statusType(spelled.c_str()) : typeOfMode(st.st_mode)};
     std::vector<std::pair<std::string, unsigned char>> hits;
-    listFolder(dir, [&](const char *entry, unsigned char type) {
+    listFolder(dir.c_str(), [&](const char *entry, unsigned char type) {
         if (sameName(fromUtf8(entry), name)) hits.emplace_back(entry, type);
     });
     if (hits.empty()) return std::nullopt;
@@ -188,32 +189,33 @@ std::optional<Entry> matchEntry(const fs::path &dir, const std::u16string &name)
     const auto &[hit, type] = hits.front();
     if (type == DT_REG) return Entry{hit, fs::file_type::regular};
     if (type == DT_DIR) return Entry{hit, fs::file_type::directory};
-    return Entry{hit, statusType(dir / hit)};
+    return Entry{hit, statusType((dir + '/' + hit).c_str())};
 }
 
 Where locateParts(const fs::path &root, const std::vector<std::u16string> &parts) {
     Where w;
-    w.host = root;
     w.isRoot = parts.empty();
+    std::string host = root.string();
     std::vector<std::u16string> spelled;
-    // The type of what w.host names so far (not_found once a part is missing). The root's is asked
-    // for only when its first part is not found in it: when one is, the root is a folder.
-    fs::file_type type = parts.empty() ? statusType(root) : fs::file_type::directory;
+    // The type of what host names so far (not_found once a part is missing). The root's is asked for
+    // only when its first part is not found in it: when one is, the root is a folder.
+    fs::file_type type = parts.empty() ? statusType(host.c_str()) : fs::file_type::directory;
     for (size_t i = 0; i < parts.size(); ++i) {
         std::optional<Entry> entry;
-        if (type == fs::file_type::directory) entry = matchEntry(w.host, parts[i]);
-        if (i == 0 && !entry) type = statusType(root);
+        if (type == fs::file_type::directory) entry = matchEntry(host, parts[i]);
+        if (i == 0 && !entry) type = statusType(root.c_str());
         if (i + 1 == parts.size()) w.parentIsDir = type == fs::file_type::directory;
         if (entry) {
-            w.host /= entry->name;
+            host += '/' + entry->name;
             spelled.push_back(fromUtf8(entry->name));
             type = entry->type;
         } else {
-            w.host /= utf8(parts[i]);
+            host += '/' + utf8(parts[i]);
             spelled.push_back(parts[i]);
             type = fs::file_type::not_found;
         }
     }
+    w.host = host;
     if (parts.empty()) w.parentIsDir = true;
     else w.last = parts.back();
     w.exists = type != fs::file_type::not_found && type != fs::file_type::none;
@@ -808,7 +810,7 @@ HANDLE WINAPI FindFirstFileW(LPCWSTR pattern, LPWIN32_FIND_DATAW data) {
     if (pat == u"*.*") pat.assign(1, u'*');
     fs::path folder = w->host.parent_path();
     std::vector<std::string> names;
-    listFolder(folder, [&](const char *entry, unsigned char) {
+    listFolder(folder.c_str(), [&](const char *entry, unsigned char) {
         if (wildMatch(pat, fromUtf8(entry))) names.push_back(entry);
     });
     std::sort(names.begin(), names.end(), [](const std::string &a, const std::string &b) {
