@@ -3,7 +3,7 @@ PRESET ?= default
 BUILD  := build/$(PRESET)
 JOBS   ?= 2
 
-.PHONY: all deps configure build test target-check run asan bench sweep clean
+.PHONY: all deps configure build test target-check run asan tsan bench sweep clean
 
 all: build
 
@@ -28,6 +28,9 @@ run: build
 
 asan:
 	@$(MAKE) --no-print-directory test PRESET=asan
+
+tsan:
+	@$(MAKE) --no-print-directory test PRESET=tsan
 
 # Whole boots with each CE call of the program failing in turn (make test fails only the first and
 # the last call of each name).

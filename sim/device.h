@@ -123,13 +123,20 @@ public:
     void close();
     // Adds "event" and "t" (tick count) to the fields and appends the line.
     void write(const std::string &event, nlohmann::json fields = nlohmann::json::object());
+    // The run's last lines, in order with no other line between them, then the file is closed. The
+    // run has ended: a line another thread writes after them is dropped (until the next open).
+    using Line = std::pair<std::string, nlohmann::json>;
+    void finish(const std::vector<Line> &lines);
     std::vector<nlohmann::json> events() const;                    // all written so far, in order
     std::vector<nlohmann::json> events(const std::string &name) const;
     const fs::path &file() const { return m_file; }
 private:
+    static nlohmann::json lineOf(const std::string &event, const nlohmann::json &fields);
+    void appendLocked(const nlohmann::json &line);
     mutable std::mutex m_mutex;
     fs::path m_file;
     FILE *m_out = nullptr;
+    bool m_finished = false;
     std::vector<nlohmann::json> m_events;
 };
 
