@@ -162,14 +162,34 @@ private:
 };
 
 // ---- file system: CE paths mapped under DEVICE/fs, matched without regard to case ----
+//
+// The files live in the host folder DEVICE/fs, or, with the profile's [device] files = 'memory', in
+// memory: the store starts as a copy of DEVICE/fs and nothing is written back (a fuzzer's device
+// runs thousands of engine passes a second that way). The CE rules are the same for both.
+class FileStore;   // files.cpp: where the entries are kept
 class FileSystem {
 public:
     explicit FileSystem(fs::path root);
+    ~FileSystem();
     const fs::path &root() const { return m_root; }
+    // From now on the files live in memory, starting as a copy of what the root holds.
+    void keepInMemory();
+    bool inMemory() const { return m_inMemory; }
+    FileStore &store() const { return *m_store; }
     // The host path of a CE path. Existing components are matched without regard to case; the rest
     // are taken as written. Returns nullopt for a path that is not absolute ("\..." or "/...").
+    // In memory it is where the file would lie on the host.
     std::optional<fs::path> resolve(const std::u16string &cePath) const;
     bool exists(const std::u16string &cePath) const;
+    bool isFile(const std::u16string &cePath) const;
+    // Whole files by CE path, for the device's parts and the tests; writing makes missing folders.
+    std::optional<std::string> readFile(const std::u16string &cePath) const;
+    bool writeFile(const std::u16string &cePath, const std::string &bytes);
+    bool makeFolders(const std::u16string &cePath);
+    // Moves a folder aside to parked (a host folder outside fs/, or its place in memory) and back:
+    // the flash disk's "\HDD" while the disk is unmounted. unpark is false when nothing is parked.
+    bool park(const std::u16string &cePath, const fs::path &parked);
+    bool unpark(const std::u16string &cePath, const fs::path &parked);
     // Storage: free/total from the profile ([storage] tables) else from the host.
     struct Space { ULONGLONG freeToCaller, total, free; };
     bool space(const std::u16string &cePath, Space &out) const;
@@ -182,6 +202,9 @@ public:
 private:
     fs::path m_root;
     std::vector<Volume> m_volumes;
+    std::vector<std::vector<std::u16string>> m_volumeParts;   // each volume's root, split
+    std::unique_ptr<FileStore> m_store;
+    bool m_inMemory = false;
 };
 
 // ---- registry: HKLM tree, loaded from the profile, kept in memory ----
