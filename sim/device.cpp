@@ -374,19 +374,31 @@ void Journal::close() {
     m_out = nullptr;
 }
 
+bool Journal::recording() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_keep || m_out;
+}
+
 void Journal::write(const std::string &event, nlohmann::json fields) {
+    if (!recording()) return;
     nlohmann::json line = nlohmann::json::object();
     line["event"] = event;
     Device *dev = Device::current();
     line["t"] = dev ? dev->clock().ticks() : 0;
     for (auto it = fields.begin(); it != fields.end(); ++it) line[it.key()] = it.value();
     std::lock_guard<std::mutex> lock(m_mutex);
-    m_events.push_back(line);
+    if (m_keep) m_events.push_back(line);
     if (m_out) {
         std::string text = line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
         std::fprintf(m_out, "%s\n", text.c_str());
         std::fflush(m_out);
     }
+}
+
+void Journal::keepEvents(bool keep) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_keep = keep;
+    if (!keep) m_events.clear();
 }
 
 std::vector<nlohmann::json> Journal::events() const {

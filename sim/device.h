@@ -126,11 +126,17 @@ public:
     std::vector<nlohmann::json> events() const;                    // all written so far, in order
     std::vector<nlohmann::json> events(const std::string &name) const;
     const fs::path &file() const { return m_file; }
+    // Whether events() keeps what was written (the default); a long run that never asks, such as a
+    // fuzzer's, turns it off so that memory does not grow with the run.
+    void keepEvents(bool keep);
+    // Whether a written event goes anywhere (a file, or events()).
+    bool recording() const;
 private:
     mutable std::mutex m_mutex;
     fs::path m_file;
     FILE *m_out = nullptr;
     std::vector<nlohmann::json> m_events;
+    bool m_keep = true;
 };
 
 // ---- objects: the handle table ----
@@ -190,6 +196,10 @@ public:
     // the flash disk's "\HDD" while the disk is unmounted. unpark is false when nothing is parked.
     bool park(const std::u16string &cePath, const fs::path &parked);
     bool unpark(const std::u16string &cePath, const fs::path &parked);
+    // In memory: remembers the files as they are, and brings them back (a fuzzer's device starts
+    // every input from the same files). False on the host.
+    bool saveFiles();
+    bool restoreFiles();
     // Storage: free/total from the profile ([storage] tables) else from the host.
     struct Space { ULONGLONG freeToCaller, total, free; };
     bool space(const std::u16string &cePath, Space &out) const;
@@ -211,20 +221,20 @@ private:
 class Registry {
 public:
     struct Value { DWORD type = REG_NONE; std::vector<BYTE> data; };
-    struct Key {
+    struct Key : std::enable_shared_from_this<Key> {
         std::string name;                                 // as written
         std::map<std::string, Value> values;              // by lower-case name
         std::map<std::string, std::string> valueNames;    // lower-case -> as written
-        std::vector<std::unique_ptr<Key>> subkeys;        // in creation order
+        std::vector<std::shared_ptr<Key>> subkeys;        // in creation order
         Key *find(const std::string &name) const;         // without regard to case
         void put(const std::string &name, DWORD type, std::vector<BYTE> data);   // under mutex()
         bool deleted = false;                             // removed while a handle may still be open
     };
     Registry();
     Key *root(HKEY predefined);                           // HKLM and the other predefined roots
-    // Path below a root with "\" separators; create makes missing keys. Locks the mutex; a key is
-    // never freed while the device lives (a removed key is only marked deleted), so the pointer
-    // stays valid; hold mutex() while reading its contents.
+    // Path below a root with "\" separators; create makes missing keys. Locks the mutex. A removed
+    // key is marked deleted and lives on while a handle holds it (shared_from_this); hold mutex()
+    // while reading a key's contents.
     Key *open(Key *from, const std::u16string &path, bool create, bool *created = nullptr);
     // keyPath: "Drivers\Active\01" below HKLM, or led by a root name ("HKLM\...", "HKEY_CURRENT_USER\...").
     // The setters create missing keys.
@@ -245,8 +255,7 @@ public:
     Key *pathLocked(const std::string &keyPath, bool create);
 private:
     std::mutex m_mutex;
-    std::map<uintptr_t, std::unique_ptr<Key>> m_roots;
-    std::vector<std::unique_ptr<Key>> m_removed;          // removed keys, kept for open handles
+    std::map<uintptr_t, std::shared_ptr<Key>> m_roots;
 };
 
 // Parts that live in their own files (kernel.cpp, devices.cpp); made by the device at start.

@@ -144,7 +144,7 @@ namespace sim {
 
 // Where a CE path lies in its store.
 struct FileWhere {
-    fs::path host;            // on the host: the host path of the whole name
+    fs::path host;            // on the host: the host path of the whole name (empty in memory)
     std::u16string key;       // in memory: the folded CE path ("" for the root)
     bool parentIsDir = false; // every component but the last exists and is a folder
     bool exists = false;
@@ -396,9 +396,7 @@ public:
 
     Where locate(const std::vector<std::u16string> &parts) const override {
         Where w;
-        w.host = m_root;
         w.isRoot = parts.empty();
-        std::vector<std::u16string> spelled;
         bool present = true, folder = true;   // the entry reached so far
         std::lock_guard<std::mutex> lock(m_mutex);
         for (size_t i = 0; i < parts.size(); ++i) {
@@ -406,20 +404,19 @@ public:
             w.key += u'\\';
             for (char16_t c : parts[i]) w.key += fold(c);
             auto it = present && folder ? m_entries.find(w.key) : m_entries.end();
-            if (it != m_entries.end()) {
-                spelled.push_back(it->second.name);
-                folder = it->second.folder;
-            } else {
-                spelled.push_back(parts[i]);
-                present = false;
-            }
-            w.host /= utf8(spelled.back());
+            present = it != m_entries.end();
+            if (present) folder = it->second.folder;
+            w.ce += u'\\';
+            w.ce += present ? it->second.name : parts[i];
         }
-        if (parts.empty()) w.parentIsDir = true;
-        else w.last = parts.back();
+        if (parts.empty()) {
+            w.parentIsDir = true;
+            w.ce.push_back(u'\\');
+        } else {
+            w.last = parts.back();
+        }
         w.exists = present;
         w.isDir = present && folder;
-        w.ce = joinCe(spelled, spelled.size());
         return w;
     }
     bool facts(const Where &w, FileFacts &out) const override {
@@ -501,6 +498,15 @@ public:
         return true;
     }
 
+    void save() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_saved = copy(m_entries);
+    }
+    void restore() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_entries = copy(m_saved);
+    }
+
     // Copies the host folder's files and folders in (the store's first content).
     void load(const fs::path &folder, const std::u16string &key = u"") {
         std::error_code ec;
@@ -531,6 +537,20 @@ private:
         e.inode = ++m_inodes;
         return e;
     }
+    // The entries with contents of their own.
+    static Subtree copy(const Subtree &from) {
+        Subtree out = from;
+        for (auto &[key, e] : out) {
+            if (!e.content) continue;
+            const std::shared_ptr<MemoryContent> old = e.content;
+            e.content = std::make_shared<MemoryContent>();
+            std::lock_guard<std::mutex> lock(old->m);
+            e.content->bytes = old->bytes;
+            e.content->accessed = old->accessed;
+            e.content->written = old->written;
+        }
+        return out;
+    }
     static bool factsOf(const MemoryEntry &e, FileFacts &out) {
         out.attributes = e.folder ? FILE_ATTRIBUTE_DIRECTORY : FILE_ATTRIBUTE_ARCHIVE;
         out.created = e.created;
@@ -550,6 +570,7 @@ private:
     mutable std::mutex m_mutex;
     Subtree m_entries;
     std::map<std::string, Subtree> m_parked;   // by the host path they stand for
+    Subtree m_saved;
     uint64_t m_inodes = 0;
 };
 
@@ -729,7 +750,11 @@ static std::optional<Where> placeOf(const FileStore &store, const std::u16string
 
 std::optional<fs::path> FileSystem::resolve(const std::u16string &cePath) const {
     std::optional<Where> w = placeOf(*m_store, cePath);
-    return w ? std::optional<fs::path>(w->host) : std::nullopt;
+    if (!w) return std::nullopt;
+    if (!m_inMemory) return w->host;
+    fs::path host = m_root;
+    for (const std::u16string &part : components(w->ce)) host /= utf8(part);
+    return host;
 }
 
 bool FileSystem::exists(const std::u16string &cePath) const {
@@ -775,6 +800,18 @@ bool FileSystem::writeFile(const std::u16string &cePath, const std::string &byte
     return f && f->truncate() == 0 && f->write(bytes.data(), bytes.size(), 0) == int64_t(bytes.size());
 }
 
+bool FileSystem::saveFiles() {
+    if (!m_inMemory) return false;
+    static_cast<MemoryStore &>(*m_store).save();
+    return true;
+}
+
+bool FileSystem::restoreFiles() {
+    if (!m_inMemory) return false;
+    static_cast<MemoryStore &>(*m_store).restore();
+    return true;
+}
+
 bool FileSystem::park(const std::u16string &cePath, const fs::path &parked) {
     std::optional<Where> w = placeOf(*m_store, cePath);
     return w && w->isDir && m_store->park(*w, parked);
@@ -798,16 +835,43 @@ void FileSystem::addVolume(const Volume &v) {
     m_volumeParts.push_back(components(norm.root));
 }
 
+// Whether a CE path has no "." or ".." component (its components are those written).
+static bool plainPath(const std::u16string &ce) {
+    for (size_t at = 0; at < ce.size();) {
+        while (at < ce.size() && isSeparator(ce[at])) ++at;
+        size_t end = at;
+        while (end < ce.size() && !isSeparator(ce[end])) ++end;
+        if (ce.compare(at, end - at, u".") == 0 || ce.compare(at, end - at, u"..") == 0) return false;
+        at = end;
+    }
+    return true;
+}
+
+// Whether a plain CE path lies at or below root (its components).
+static bool underRoot(const std::u16string &ce, const std::vector<std::u16string> &root) {
+    size_t at = 0;
+    for (const std::u16string &name : root) {
+        while (at < ce.size() && isSeparator(ce[at])) ++at;
+        size_t end = at;
+        while (end < ce.size() && !isSeparator(ce[end])) ++end;
+        if (end - at != name.size()) return false;
+        for (size_t i = 0; i < name.size(); ++i)
+            if (fold(ce[at + i]) != fold(name[i])) return false;
+        at = end;
+    }
+    return true;
+}
+
 const FileSystem::Volume *FileSystem::volumeOf(const std::u16string &cePath) const {
-    std::vector<std::u16string> parts = components(cePath);
+    if (!plainPath(cePath)) {
+        std::vector<std::u16string> parts = components(cePath);
+        return volumeOf(joinCe(parts, parts.size()));
+    }
     const Volume *best = nullptr;
     size_t bestDepth = 0;
     for (size_t k = 0; k < m_volumes.size(); ++k) {
         const std::vector<std::u16string> &root = m_volumeParts[k];
-        if (root.size() > parts.size()) continue;
-        bool inside = true;
-        for (size_t i = 0; i < root.size() && inside; ++i) inside = sameName(root[i], parts[i]);
-        if (inside && (!best || root.size() >= bestDepth)) {
+        if (underRoot(cePath, root) && (!best || root.size() >= bestDepth)) {
             best = &m_volumes[k];
             bestDepth = root.size();
         }
