@@ -7,8 +7,6 @@ namespace {
 const char kIni[] = "\\My Flash Disk\\debug.ini";
 const DWORD kNamedModules = MODULE_ROOT | MODULE_TRAFFIC | MODULE_GPS | MODULE_UI | MODULE_SOUND;
 
-bool flag(BOOL v) { return v == 0 || v == 1; }
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -25,7 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     FUZZ_CHECK((s.level >= LOG_NONE && s.level <= LOG_SNAPSHOT) || s.level == LOG_TRACE || s.level == before.level);
     // MODULE_ALL gives every bit; a list only the bits that can be named.
     FUZZ_CHECK(s.moduleMask == before.moduleMask || s.moduleMask == MODULE_ALL || (s.moduleMask & ~kNamedModules) == 0);
-    FUZZ_CHECK(flag(s.toFile) && flag(s.increment) && flag(s.ascii) && flag(s.console) && flag(s.debugPortOn));
+    for (BOOL b : {s.toFile, s.increment, s.ascii, s.console, s.debugPortOn}) FUZZ_CHECK(fuzz::flag(b));
     // The file keys count only under DebugToFile (which the snapshot's writer clears again when it
     // cannot use the file).
     FUZZ_CHECK(s.toFile || s.level >= LOG_SNAPSHOT || (s.increment == before.increment && s.ascii == before.ascii));

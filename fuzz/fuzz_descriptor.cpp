@@ -9,16 +9,6 @@ namespace {
 
 const char kXml[] = "\\My Flash Disk\\upgrade.xml";
 
-bool flag(DWORD v) { return v == 0 || v == 1; }
-
-void checkImage(const DeviceDescriptor &d) {
-    FUZZ_CHECK(flag(d.force) && flag(d.format));
-    FUZZ_CHECK(d.version[1] == 0 && d.version[2] == 0);
-    FUZZ_CHECK(d.flashVersion[0] == 0 && d.flashVersion[1] == 0 && d.flashVersion[2] == 0);
-    fuzz::terminatedLength(d.hardwareType, DEVDESC_TEXT_CHARS);
-    fuzz::terminatedLength(d.hardwareVersion, DEVDESC_TEXT_CHARS);
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -34,8 +24,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     std::memset(&kernel, 0, sizeof kernel);
     FUZZ_CHECK(GetUbootXMLSettings(path.c_str(), &uboot) == 1);   // 1 whatever the file holds
     FUZZ_CHECK(GetKernelXMLSettings(path.c_str(), &kernel) == 1);
-    checkImage(uboot);
-    checkImage(kernel);
+    fuzz::checkDescriptor(uboot);
+    fuzz::checkDescriptor(kernel);
 
     RegionDescriptor region, untouched;
     std::memset(&region, 0, sizeof region);
@@ -43,7 +33,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const int found = GetRegionFileSettings(path.c_str(), &region);
     FUZZ_CHECK(found == 0 || found == 1);
     FUZZ_CHECK(found || std::memcmp(&region, &untouched, sizeof region) == 0);
-    FUZZ_CHECK(flag(region.force) && flag(region.formatHidden) && flag(region.formatVisible));
+    FUZZ_CHECK(fuzz::flag(region.force) && fuzz::flag(region.formatHidden) && fuzz::flag(region.formatVisible));
     FUZZ_CHECK(region.serialNumberPresent == 0);   // the engine's to set, not the reader's
     fuzz::terminatedLength(region.serialNumber, REGIONDESC_SERIAL_CHARS);
 

@@ -65,4 +65,12 @@ size_t terminatedLength(const char *text, size_t cap) {
     return n;
 }
 
+void checkDescriptor(const DeviceDescriptor &d) {
+    FUZZ_CHECK(flag(d.force) && flag(d.format));
+    FUZZ_CHECK(d.version[1] == 0 && d.version[2] == 0);
+    FUZZ_CHECK(d.flashVersion[0] == 0 && d.flashVersion[1] == 0 && d.flashVersion[2] == 0);
+    terminatedLength(d.hardwareType, DEVDESC_TEXT_CHARS);
+    terminatedLength(d.hardwareVersion, DEVDESC_TEXT_CHARS);
+}
+
 }  // namespace fuzz

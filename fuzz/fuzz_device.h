@@ -31,4 +31,9 @@ public:
 size_t terminatedLength(const WCHAR *text, size_t cap);
 size_t terminatedLength(const char *text, size_t cap);
 
+inline bool flag(DWORD v) { return v == 0 || v == 1; }
+// An image descriptor as the readers leave it: flags of 0 or 1, only the major version, no flash
+// version, texts within their fields.
+void checkDescriptor(const DeviceDescriptor &d);
+
 }  // namespace fuzz

@@ -15,16 +15,6 @@ BOOL checkProgress(LPCWSTR line) {
     return TRUE;
 }
 
-bool flag(DWORD v) { return v == 0 || v == 1; }
-
-void checkDescriptor(const DeviceDescriptor &d) {
-    FUZZ_CHECK(flag(d.force) && flag(d.format));
-    FUZZ_CHECK(d.version[1] == 0 && d.version[2] == 0);
-    FUZZ_CHECK(d.flashVersion[0] == 0 && d.flashVersion[1] == 0 && d.flashVersion[2] == 0);
-    fuzz::terminatedLength(d.hardwareType, DEVDESC_TEXT_CHARS);
-    fuzz::terminatedLength(d.hardwareVersion, DEVDESC_TEXT_CHARS);
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -44,18 +34,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     FUZZ_CHECK(e->IsConstructed());
     const DWORD result = e->CheckForUpgrade(withRegion ? 1 : 0);
 
-    FUZZ_CHECK(flag(result));
+    FUZZ_CHECK(fuzz::flag(result));
     FUZZ_CHECK(result == (e->m_bUpgradeBboot || e->m_bUpgradeKernel || e->m_bUpgradeRegion ? 1u : 0u));
-    FUZZ_CHECK(flag(e->m_bUpgradeFromSDCard) && e->m_bUpgradeFromSDCard == (fromCard ? 1u : 0u));
+    FUZZ_CHECK(fuzz::flag(e->m_bUpgradeFromSDCard) && e->m_bUpgradeFromSDCard == (fromCard ? 1u : 0u));
+    const RegionDescriptor &r = e->m_RegionDescriptor;
     for (DWORD f : {e->m_bUbootExists, e->m_bUpgradeBboot, e->m_bKernelExists, e->m_bUpgradeKernel,
                     e->m_bFormatKernel, e->m_bRegionExists, e->m_bUpgradeRegion, e->m_bSerialNumberFail,
-                    e->m_bFormatHiddenFail, e->m_bFormatVisibleAreaFail})
-        FUZZ_CHECK(flag(f));
+                    e->m_bFormatHiddenFail, e->m_bFormatVisibleAreaFail, r.force, r.serialNumberPresent,
+                    r.formatHidden, r.formatVisible})
+        FUZZ_CHECK(fuzz::flag(f));
     FUZZ_CHECK(!e->m_bFormatKernel || e->m_bUpgradeKernel);
-    checkDescriptor(e->m_UbootDescriptor);
-    checkDescriptor(e->m_KernelDescriptor);
-    const RegionDescriptor &r = e->m_RegionDescriptor;
-    FUZZ_CHECK(flag(r.force) && flag(r.serialNumberPresent) && flag(r.formatHidden) && flag(r.formatVisible));
+    fuzz::checkDescriptor(e->m_UbootDescriptor);
+    fuzz::checkDescriptor(e->m_KernelDescriptor);
     FUZZ_CHECK(r.serialNumberPresent == (fuzz::terminatedLength(r.serialNumber, REGIONDESC_SERIAL_CHARS) > 0));
     FUZZ_CHECK(withRegion || (!e->m_bRegionExists && !e->m_bUpgradeRegion && !r.serialNumber[0]));
 
