@@ -384,9 +384,14 @@ nlohmann::json Journal::lineOf(const std::string &event, const nlohmann::json &f
     return line;
 }
 
+bool Journal::recording() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_keep || m_out;
+}
+
 void Journal::appendLocked(const nlohmann::json &line) {
     if (m_finished) return;
-    m_events.push_back(line);
+    if (m_keep) m_events.push_back(line);
     if (m_out) {
         std::string text = line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
         std::fprintf(m_out, "%s\n", text.c_str());
@@ -395,6 +400,7 @@ void Journal::appendLocked(const nlohmann::json &line) {
 }
 
 void Journal::write(const std::string &event, nlohmann::json fields) {
+    if (!recording()) return;
     nlohmann::json line = lineOf(event, fields);
     std::lock_guard<std::mutex> lock(m_mutex);
     appendLocked(line);
@@ -408,6 +414,12 @@ void Journal::finish(const std::vector<Line> &lines) {
     m_finished = true;
     if (m_out) std::fclose(m_out);
     m_out = nullptr;
+}
+
+void Journal::keepEvents(bool keep) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_keep = keep;
+    if (!keep) m_events.clear();
 }
 
 std::vector<nlohmann::json> Journal::events() const {
