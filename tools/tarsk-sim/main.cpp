@@ -7,17 +7,14 @@
 //   tarsk-sim new DIR
 //
 // Without DEVICE, run, check and settings work on a fresh copy of the built-in default device
-// (devices/default) with its sample descriptor sealed into the program's folder.
+// (share/tarsk/devices/default beside the tool's bin/ folder, or in the build folder) with its sample
+// descriptor sealed into the program's folder.
 #include "simtool.h"
 
 #include <CLI/CLI.hpp>
 
 #include <cstdlib>
 #include <iostream>
-
-#ifndef TARSK_SOURCE_DIR
-#error "TARSK_SOURCE_DIR must name the source tree (it holds devices/default)"
-#endif
 
 using namespace tarsk_sim;
 
