@@ -3,7 +3,7 @@
 set -euo pipefail
 pkgs=(cmake make g++ ninja-build pkg-config libmxml-dev libgtest-dev libgmock-dev libbenchmark-dev
       libtomlplusplus-dev nlohmann-json3-dev libcli11-dev g++-mingw-w64-x86-64-posix
-      libinih-dev python3)
+      libinih-dev python3 libcairo2-dev fonts-dejavu-core)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
