@@ -15,8 +15,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
-#include <memory>
 #include <unordered_map>
 
 namespace tarsk_sim {
@@ -405,8 +403,8 @@ ScreenState screenState(const sim::Windows &wm) {
 
 std::string screenPng(const ScreenState &state, std::string &error) {
     if (state.width < 1 || state.height < 1 || state.width > kLargestScreen || state.height > kLargestScreen) {
-        error = "a screen of " + std::to_string(state.width) + " x " + std::to_string(state.height) +
-                " pixels is not drawn (1 to " + std::to_string(kLargestScreen) + " a side)";
+        error = "the screen is " + std::to_string(state.width) + " x " + std::to_string(state.height) +
+                " pixels; 1 to " + std::to_string(kLargestScreen) + " a side are drawn";
         return {};
     }
     const FontFiles &files = fontFiles();
