@@ -1,7 +1,7 @@
 // tarsk-sim: runs the device program, or its upgrade engine alone, against a simulated device and
 // shows what the device would show and do.
 //
-//   tarsk-sim run [DEVICE] [--time-scale S] [--timeout SECONDS] [--journal FILE] [--seal]
+//   tarsk-sim run [DEVICE] [--time-scale S] [--timeout SECONDS] [--journal FILE] [--seal] [--screen-at MS]
 //   tarsk-sim check [DEVICE] [--time-scale S] [--journal FILE] [--seal]
 //   tarsk-sim settings [DEVICE] [--json]
 //   tarsk-sim new DIR
@@ -54,6 +54,10 @@ int main(int argc, char **argv) {
                "time-out, 2 bad usage or a bad device folder");
     addDeviceOptions(runCmd, runOptions);
     runCmd->add_option("--timeout", runOptions.timeoutSeconds, "end the run after this many device seconds (600)")
+        ->check(nonNegative);
+    runCmd->add_option("--screen-at", runOptions.screenAtMs,
+                       "also picture the screen as it is at this device time (ms), into DEVICE/run/screen-at-MS.png "
+                       "(DEVICE/run/screen.png always shows the end); may be repeated")
         ->check(nonNegative);
 
     CLI::App *checkCmd = app.add_subcommand(

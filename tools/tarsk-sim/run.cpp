@@ -5,7 +5,13 @@
 // The run ends: "exit" when the program returns, "reset" on a reset request, "handed-over" when the
 // kernel has accepted the image request and the window thread next waits for a message, "crash"
 // when an exception ended the process, "timeout" at the time-out (device seconds).
+//
+// The screen as the run ends is drawn into DEVICE/run/screen.png; each --screen-at MS takes the
+// window manager's state at that device time (a clock event) and draws it, at the end, into
+// DEVICE/run/screen-at-MS.png.
 #include "simtool.h"
+
+#include "screen.h"
 
 #include "power.h"
 #include "windows.h"
@@ -15,6 +21,7 @@
 #include <cmath>
 #include <cstdio>
 #include <fstream>
+#include <mutex>
 
 namespace tarsk_sim {
 
@@ -30,8 +37,26 @@ void writePanel(sim::Device &dev, const fs::path &file) {
     out << sim::utf8(dev.windows().panelText());
 }
 
+// The screen at a device time: taken by a clock event, drawn at the end.
+struct ScreenShot {
+    uint64_t ms;
+    fs::path file;
+    bool taken = false;
+    ScreenState state;
+};
+
+// Draws a picture into its file; the line for the summary.
+std::string writeScreen(const ScreenState &state, const fs::path &file) {
+    std::string error, why;
+    const std::string png = screenPng(state, error);
+    if (png.empty()) return "not drawn: " + error;
+    if (!tarsk_tools::writeFileAtomic(file, tarsk_tools::Bytes(png.begin(), png.end()), why))
+        return "not written: " + why;
+    return file.string();
+}
+
 void printSummary(sim::Device &dev, UINT code, const std::string &reason, const fs::path &panel,
-                  const std::string &folderNote) {
+                  const std::vector<std::string> &screens, const std::string &folderNote) {
     std::printf("\n---- summary ----\n");
     std::printf("ended:          %s", reason.c_str());
     if (reason == "exit") std::printf(", code %u", code);
@@ -53,6 +78,7 @@ void printSummary(sim::Device &dev, UINT code, const std::string &reason, const 
         std::printf("started:        %s (%s)\n", ev.value("path", "").c_str(),
                     ev.value("ok", false) ? "ok" : ("failed, error " + std::to_string(ev.value("error", 0))).c_str());
     std::printf("panel:          %s\n", panel.c_str());
+    for (const std::string &line : screens) std::printf("%s\n", line.c_str());
     std::printf("journal:        %s\n", dev.journal().file().c_str());
     if (!folderNote.empty()) std::printf("device folder:  %s\n", folderNote.c_str());
 }
@@ -68,10 +94,32 @@ int run(const RunOptions &o) {
     const fs::path panel = d.runDir() / "panel.txt";
     const std::string folderNote = o.device.empty() ? folder.string() : std::string();
 
+    // The pictures asked for: each taken by a clock event (on whichever thread moves the time on),
+    // all drawn by the end handler.
+    auto shots = std::make_shared<std::vector<ScreenShot>>();
+    auto shotsMutex = std::make_shared<std::mutex>();
+    for (double at : o.screenAtMs) {
+        if (!(at <= 4.0e9)) fail(2, "--screen-at must be a device time in ms from 0 to 4000000000");
+        const uint64_t ms = uint64_t(std::llround(at));
+        shots->push_back({ms, d.runDir() / ("screen-at-" + std::to_string(ms) + ".png"), false, {}});
+    }
+    for (size_t i = 0; i < shots->size(); ++i)
+        d.clock().at((*shots)[i].ms, [&d, shots, shotsMutex, i] {
+            std::lock_guard<std::mutex> lock(*shotsMutex);
+            (*shots)[i].state = screenState(d.windows());
+            (*shots)[i].taken = true;
+        });
+
     d.setEndAtHandOver(true);
-    d.setEndHandler([&d, panel, folderNote](UINT code, const std::string &reason) {
+    d.setEndHandler([&d, panel, folderNote, shots, shotsMutex](UINT code, const std::string &reason) {
         writePanel(d, panel);
-        printSummary(d, code, reason, panel, folderNote);
+        std::vector<std::string> screens = {"screen:         " + writeScreen(screenState(d.windows()),
+                                                                             d.runDir() / "screen.png")};
+        std::lock_guard<std::mutex> lock(*shotsMutex);
+        for (const ScreenShot &shot : *shots)
+            screens.push_back("screen at " + std::to_string(shot.ms) + " ms: " +
+                              (shot.taken ? writeScreen(shot.state, shot.file) : "not reached (the run ended first)"));
+        printSummary(d, code, reason, panel, screens, folderNote);
         return exitCodeFor(reason);
     });
     const uint64_t timeoutMs = uint64_t(std::llround(o.timeoutSeconds * 1000.0));

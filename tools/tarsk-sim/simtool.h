@@ -8,6 +8,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace tarsk_sim {
 
@@ -42,6 +43,7 @@ struct RunOptions {
     double timeScale = -1;     // below 0: the profile's (default 0, deterministic)
     double timeoutSeconds = 600;
     bool seal = false;
+    std::vector<double> screenAtMs;   // run only: device times to picture the screen at, besides the end
 };
 // The device folder and the device for a command: the time scale, --seal, the note on a missing
 // package. folder receives the folder run on.
