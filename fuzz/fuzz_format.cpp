@@ -38,12 +38,11 @@ template <class C> void checkCut(const C *buf, size_t cap, int result, const std
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 2) return 0;
     const size_t cap = data[0];
-    size_t count = data[1] % (FMT_MAX_ARGS + 1), at = 2;
-    const FmtArg *args[FMT_MAX_ARGS];
-    for (size_t i = 0; i < count; ++i) args[i] = &kPool[at < size ? data[at++] % kPoolSize : 0];
+    const size_t count = data[1] % (FMT_MAX_ARGS + 1);
+    size_t at = 2;
     static const FmtArg none;
     const FmtArg *a[FMT_MAX_ARGS];
-    for (size_t i = 0; i < FMT_MAX_ARGS; ++i) a[i] = i < count ? args[i] : &none;
+    for (size_t i = 0; i < FMT_MAX_ARGS; ++i) a[i] = i >= count ? &none : &kPool[at < size ? data[at++] % kPoolSize : 0];
     const FmtArgList list(*a[0], *a[1], *a[2], *a[3], *a[4], *a[5], *a[6], *a[7], *a[8], *a[9], *a[10], *a[11],
                           *a[12], *a[13], *a[14], *a[15]);
     FUZZ_CHECK(list.count == int(count));

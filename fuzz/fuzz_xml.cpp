@@ -137,6 +137,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         FUZZ_CHECK(file == nullptr);
         return 0;
     }
+    const bool clean = mark.since().empty();   // Mini-XML's complaints are logged as they come
     Walk first{DWORD(data[1] % 24 + 1), {}};
     walk(file, first);
     FUZZ_CHECK(file->release() == 0);
@@ -144,7 +145,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
     // Written back as UTF-8, a document that Mini-XML read without complaint reads again with the
     // same elements. (From a malformed one it may have kept marks that write out malformed.)
-    if (mark.has(", ERROR, ")) return 0;
+    if (!clean) return 0;
     FUZZ_CHECK(XmlFile::createWritable(path.c_str(), &file));
     FUZZ_CHECK(file->close());
     FUZZ_CHECK(file->release() == 0);
