@@ -3,7 +3,9 @@ PRESET ?= default
 BUILD  := build/$(PRESET)
 JOBS   ?= 2
 
-.PHONY: all deps configure build test target-check run asan bench sweep clean
+SECONDS ?= 60
+
+.PHONY: all deps configure build test target-check run asan tsan bench sweep fuzz clean
 
 all: build
 
@@ -29,10 +31,21 @@ run: build
 asan:
 	@$(MAKE) --no-print-directory test PRESET=asan
 
+tsan:
+	@$(MAKE) --no-print-directory test PRESET=tsan
+
 # Whole boots with each CE call of the program failing in turn (make test fails only the first and
 # the last call of each name).
 sweep: build
 	@TARSK_SWEEP=full TARSK_SWEEP_JOBS=$(JOBS) $(BUILD)/test_sweep
+
+# The libFuzzer targets of fuzz/ (clang, address and undefined-behaviour sanitizers), each run for
+# SECONDS seconds over a copy of its seed corpus.
+fuzz:
+	@scripts/install-deps.sh fuzz
+	@cmake --preset fuzz >/dev/null
+	@cmake --build build/fuzz -j $(JOBS)
+	@scripts/fuzz.sh $(SECONDS)
 
 # One table: each benchmark beside its reference, medians of interleaved repetitions.
 bench: build

@@ -367,6 +367,7 @@ void Journal::open(const fs::path &file) {
     if (m_out) std::fclose(m_out);
     m_file = file;
     m_events.clear();
+    m_finished = false;
     std::error_code ec;
     fs::create_directories(file.parent_path(), ec);
     m_out = std::fopen(file.c_str(), "w");
@@ -378,19 +379,51 @@ void Journal::close() {
     m_out = nullptr;
 }
 
-void Journal::write(const std::string &event, nlohmann::json fields) {
+nlohmann::json Journal::lineOf(const std::string &event, const nlohmann::json &fields) {
     nlohmann::json line = nlohmann::json::object();
     line["event"] = event;
     Device *dev = Device::current();
     line["t"] = dev ? dev->clock().ticks() : 0;
     for (auto it = fields.begin(); it != fields.end(); ++it) line[it.key()] = it.value();
+    return line;
+}
+
+bool Journal::recording() const {
     std::lock_guard<std::mutex> lock(m_mutex);
-    m_events.push_back(line);
+    return m_keep || m_out;
+}
+
+void Journal::appendLocked(const nlohmann::json &line) {
+    if (m_finished) return;
+    if (m_keep) m_events.push_back(line);
     if (m_out) {
         std::string text = line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
         std::fprintf(m_out, "%s\n", text.c_str());
         std::fflush(m_out);
     }
+}
+
+void Journal::write(const std::string &event, nlohmann::json fields) {
+    if (!recording()) return;
+    nlohmann::json line = lineOf(event, fields);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    appendLocked(line);
+}
+
+void Journal::finish(const std::vector<Line> &lines) {
+    std::vector<nlohmann::json> made;
+    for (const Line &l : lines) made.push_back(lineOf(l.first, l.second));
+    std::lock_guard<std::mutex> lock(m_mutex);
+    for (const nlohmann::json &line : made) appendLocked(line);
+    m_finished = true;
+    if (m_out) std::fclose(m_out);
+    m_out = nullptr;
+}
+
+void Journal::keepEvents(bool keep) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_keep = keep;
+    if (!keep) m_events.clear();
 }
 
 std::vector<nlohmann::json> Journal::events() const {
@@ -660,14 +693,17 @@ void Device::endProcess(UINT code, const std::string &reason) {
     }
     // The process ended with a code when the program exited or crashed; a reset, a hand-over or a
     // time-out ends the run without one.
-    if (reason == "exit" || reason == "crash") m_journal.write("exit", {{"code", code}});
+    // The last lines go in together: another thread of the program may still write meanwhile, and
+    // nothing it writes comes after the end.
+    std::vector<Journal::Line> last;
+    if (reason == "exit" || reason == "crash") last.push_back({"exit", {{"code", code}}});
     nlohmann::json calls = nlohmann::json::object();
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         for (const auto &[name, count] : m_calls) calls[name] = count;
     }
-    m_journal.write("end", {{"reason", reason}, {"calls", calls}});
-    m_journal.close();
+    last.push_back({"end", {{"reason", reason}, {"calls", calls}}});
+    m_journal.finish(last);
     std::function<int(UINT, const std::string &)> handler;
     {
         std::lock_guard<std::mutex> lock(m_mutex);

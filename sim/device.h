@@ -123,14 +123,27 @@ public:
     void close();
     // Adds "event" and "t" (tick count) to the fields and appends the line.
     void write(const std::string &event, nlohmann::json fields = nlohmann::json::object());
+    // The run's last lines, in order with no other line between them, then the file is closed. The
+    // run has ended: a line another thread writes after them is dropped (until the next open).
+    using Line = std::pair<std::string, nlohmann::json>;
+    void finish(const std::vector<Line> &lines);
     std::vector<nlohmann::json> events() const;                    // all written so far, in order
     std::vector<nlohmann::json> events(const std::string &name) const;
     const fs::path &file() const { return m_file; }
+    // Whether events() keeps what was written (the default); a long run that never asks, such as a
+    // fuzzer's, turns it off so that memory does not grow with the run.
+    void keepEvents(bool keep);
+    // Whether a written event goes anywhere (a file, or events()).
+    bool recording() const;
 private:
+    static nlohmann::json lineOf(const std::string &event, const nlohmann::json &fields);
+    void appendLocked(const nlohmann::json &line);
     mutable std::mutex m_mutex;
     fs::path m_file;
     FILE *m_out = nullptr;
+    bool m_finished = false;
     std::vector<nlohmann::json> m_events;
+    bool m_keep = true;
 };
 
 // ---- objects: the handle table ----
@@ -162,14 +175,38 @@ private:
 };
 
 // ---- file system: CE paths mapped under DEVICE/fs, matched without regard to case ----
+//
+// The files live in the host folder DEVICE/fs, or, with the profile's [device] files = 'memory', in
+// memory: the store starts as a copy of DEVICE/fs and nothing is written back (a fuzzer's device
+// runs thousands of engine passes a second that way). The CE rules are the same for both.
+class FileStore;   // files.cpp: where the entries are kept
 class FileSystem {
 public:
     explicit FileSystem(fs::path root);
+    ~FileSystem();
     const fs::path &root() const { return m_root; }
+    // From now on the files live in memory, starting as a copy of what the root holds.
+    void keepInMemory();
+    bool inMemory() const { return m_inMemory; }
+    FileStore &store() const { return *m_store; }
     // The host path of a CE path. Existing components are matched without regard to case; the rest
     // are taken as written. Returns nullopt for a path that is not absolute ("\..." or "/...").
+    // In memory it is where the file would lie on the host.
     std::optional<fs::path> resolve(const std::u16string &cePath) const;
     bool exists(const std::u16string &cePath) const;
+    bool isFile(const std::u16string &cePath) const;
+    // Whole files by CE path, for the device's parts and the tests; writing makes missing folders.
+    std::optional<std::string> readFile(const std::u16string &cePath) const;
+    bool writeFile(const std::u16string &cePath, const std::string &bytes);
+    bool makeFolders(const std::u16string &cePath);
+    // Moves a folder aside to parked (a host folder outside fs/, or its place in memory) and back:
+    // the flash disk's "\HDD" while the disk is unmounted. unpark is false when nothing is parked.
+    bool park(const std::u16string &cePath, const fs::path &parked);
+    bool unpark(const std::u16string &cePath, const fs::path &parked);
+    // In memory: remembers the files as they are, and brings them back (a fuzzer's device starts
+    // every input from the same files). False on the host.
+    bool saveFiles();
+    bool restoreFiles();
     // Storage: free/total from the profile ([storage] tables) else from the host.
     struct Space { ULONGLONG freeToCaller, total, free; };
     bool space(const std::u16string &cePath, Space &out) const;
@@ -188,26 +225,29 @@ public:
 private:
     fs::path m_root;
     std::vector<Volume> m_volumes;
+    std::vector<std::vector<std::u16string>> m_volumeParts;   // each volume's root, split
+    std::unique_ptr<FileStore> m_store;
+    bool m_inMemory = false;
 };
 
 // ---- registry: HKLM tree, loaded from the profile, kept in memory ----
 class Registry {
 public:
     struct Value { DWORD type = REG_NONE; std::vector<BYTE> data; };
-    struct Key {
+    struct Key : std::enable_shared_from_this<Key> {
         std::string name;                                 // as written
         std::map<std::string, Value> values;              // by lower-case name
         std::map<std::string, std::string> valueNames;    // lower-case -> as written
-        std::vector<std::unique_ptr<Key>> subkeys;        // in creation order
+        std::vector<std::shared_ptr<Key>> subkeys;        // in creation order
         Key *find(const std::string &name) const;         // without regard to case
         void put(const std::string &name, DWORD type, std::vector<BYTE> data);   // under mutex()
         bool deleted = false;                             // removed while a handle may still be open
     };
     Registry();
     Key *root(HKEY predefined);                           // HKLM and the other predefined roots
-    // Path below a root with "\" separators; create makes missing keys. Locks the mutex; a key is
-    // never freed while the device lives (a removed key is only marked deleted), so the pointer
-    // stays valid; hold mutex() while reading its contents.
+    // Path below a root with "\" separators; create makes missing keys. Locks the mutex. A removed
+    // key is marked deleted and lives on while a handle holds it (shared_from_this); hold mutex()
+    // while reading a key's contents.
     Key *open(Key *from, const std::u16string &path, bool create, bool *created = nullptr);
     // keyPath: "Drivers\Active\01" below HKLM, or led by a root name ("HKLM\...", "HKEY_CURRENT_USER\...").
     // The setters create missing keys.
@@ -228,8 +268,7 @@ public:
     Key *pathLocked(const std::string &keyPath, bool create);
 private:
     std::mutex m_mutex;
-    std::map<uintptr_t, std::unique_ptr<Key>> m_roots;
-    std::vector<std::unique_ptr<Key>> m_removed;          // removed keys, kept for open handles
+    std::map<uintptr_t, std::shared_ptr<Key>> m_roots;
 };
 
 // Parts that live in their own files (kernel.cpp, devices.cpp); made by the device at start.

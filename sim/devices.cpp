@@ -17,6 +17,7 @@ namespace {
 constexpr DWORD kErrorDeviceInUse = 2404;   // ERROR_DEVICE_IN_USE: the driver is already active
 constexpr DWORD kMaxSectorSize = 0x10000;
 constexpr uint64_t kMaxDiskBytes = uint64_t(1) << 32;   // the image is a host file; keep it sane
+const std::u16string kHdd = u"\\HDD";                    // where the disk is mounted
 
 bool boolKey(const toml::table &t, const char *key, bool def) {
     const toml::node *n = t.get(key);
@@ -41,7 +42,6 @@ std::u16string upper(const std::u16string &s) {
     return out;
 }
 
-
 // A handle opened on the flash disk's device name; it works while the activation it was opened
 // under lasts.
 struct DiskHandle : Object {
@@ -51,18 +51,10 @@ struct DiskHandle : Object {
     const char *type() const override { return "device"; }
 };
 
-// The host entry of "\HDD" in the file system root (matched without regard to case), if any.
-std::optional<fs::path> hostHdd(const fs::path &root) {
-    std::error_code ec;
-    for (fs::directory_iterator it(root, ec), end; !ec && it != end; it.increment(ec))
-        if (lower(it->path().filename().string()) == "hdd") return it->path();
-    return std::nullopt;
-}
-
 }  // namespace
 
 Devices::Devices(Device &dev, const toml::table &profile)
-    : m_dev(dev), m_root(dev.files().root()), m_runDir(dev.runDir()) {
+    : m_dev(dev), m_runDir(dev.runDir()) {
     const toml::node *node = profile.get("flash_disk");
     if (!node) return;
     const toml::table *t = node->as_table();
@@ -373,23 +365,12 @@ bool Devices::hddChangePending() const {
 
 // Mounting brings the kept content back (or an empty folder); unmounting moves it aside.
 void Devices::applyHdd(bool present) {
-    std::error_code ec;
-    std::optional<fs::path> hdd = hostHdd(m_root);
-    fs::path parked = parkedFolder();
+    FileSystem &files = m_dev.files();
+    const bool mounted = files.exists(kHdd);
     if (present) {
-        if (hdd) return;
-        if (fs::is_directory(parked, ec)) {
-            fs::rename(parked, m_root / "HDD", ec);
-            if (!ec) return;
-            std::fprintf(stderr, "sim: flash disk: cannot mount %s: %s\n", parked.c_str(), ec.message().c_str());
-        }
-        fs::create_directories(m_root / "HDD", ec);
-    } else {
-        if (!hdd) return;
-        if (fs::exists(parked, ec)) fs::remove_all(parked, ec);   // a stale copy of an earlier run
-        fs::create_directories(m_runDir, ec);
-        fs::rename(*hdd, parked, ec);
-        if (ec) std::fprintf(stderr, "sim: flash disk: cannot unmount %s: %s\n", hdd->c_str(), ec.message().c_str());
+        if (!mounted && !files.unpark(kHdd, parkedFolder())) files.makeFolders(kHdd);
+    } else if (mounted) {
+        files.park(kHdd, parkedFolder());
     }
 }
 

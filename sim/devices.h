@@ -83,7 +83,6 @@ private:
 
     Device &m_dev;
     FlashDisk m_disk;
-    fs::path m_root;      // DEVICE/fs
     fs::path m_runDir;    // DEVICE/run
 
     mutable std::mutex m_mutex;

@@ -10,12 +10,16 @@
 // other answer also ends the process at once: the program has no filter that handles an exception,
 // so the simulated device does not resume execution past a fault.
 //
-// The filters run inside the signal handler, on the thread that faulted (on its alternate signal
-// stack, so a stack overflow is still reported). The fault is synchronous, so the thread was stopped
-// at the faulting instruction and no other code of it runs; a filter is nevertheless free to call
-// what the device program calls (the diagnostic log, the file wrappers), which is not
-// async-signal-safe: a fault inside the host's allocator could hang here. That is accepted for a
-// simulated device, whose faults are the program's own.
+// The filters run on the thread that faulted, but not inside the signal handler: the handler only
+// notes the fault and changes the interrupted context so that, when the handler returns, the thread
+// goes on in a continuation that runs the filters, on the thread's alternate signal stack (so a stack
+// overflow is still reported). The faulting frames, with the guard frames in them, stay where they
+// are above it. The filters are then ordinary code with the thread's own signal mask (the thread
+// sanitizer, for one, sees no allocation inside a signal handler). A filter is free to call what the
+// device program calls (the diagnostic log, the file wrappers); a fault inside the host's allocator
+// could still hang there, which is accepted for a simulated device, whose faults are the program's
+// own. Where the context cannot be changed (an architecture not listed below), the filters run
+// inside the handler.
 #include "device.h"
 #include "sal/exceptions.h"
 
@@ -132,8 +136,51 @@ bool isWrite(const ucontext_t *uc) {
 #endif
 }
 
+// The fault the continuation dispatches, noted by the handler of this thread.
+thread_local Fault t_pendingFault;
+
+[[noreturn]] void continueAfterFault() { dispatch(t_pendingFault); }
+
+// Makes the interrupted thread, once the handler returns, enter continueAfterFault() as if called,
+// on a stack that is free then: the top of the alternate stack when the fault came from elsewhere
+// (the thread's stack may be exhausted), else below the faulting frame and its red zone (a fault
+// inside a filter, which runs on the alternate stack). False where this is not done.
+bool resumeInContinuation(ucontext_t *uc) {
+    uintptr_t sp;
+#if defined(__x86_64__)
+    sp = uintptr_t(uc->uc_mcontext.gregs[REG_RSP]);
+#elif defined(__i386__)
+    sp = uintptr_t(uc->uc_mcontext.gregs[REG_ESP]);
+#elif defined(__aarch64__)
+    sp = uintptr_t(uc->uc_mcontext.sp);
+#else
+    (void)uc;
+    return false;
+#endif
+    const uintptr_t altLow = uintptr_t(t_altStack.base) + (t_altStack.size - kAltStackSize);
+    const uintptr_t altHigh = uintptr_t(t_altStack.base) + t_altStack.size;
+    const bool onAlt = t_altStack.base && sp > altLow && sp <= altHigh;
+    const uintptr_t top = ((t_altStack.base && !onAlt) ? altHigh : sp - 512) & ~uintptr_t(15);
+    const uintptr_t entry = reinterpret_cast<uintptr_t>(&continueAfterFault);
+#if defined(__x86_64__)
+    uc->uc_mcontext.gregs[REG_RSP] = greg_t(top - 8);   // where a call leaves its return address
+    uc->uc_mcontext.gregs[REG_RBP] = 0;                 // ends a frame-pointer walk here
+    uc->uc_mcontext.gregs[REG_RIP] = greg_t(entry);
+#elif defined(__i386__)
+    uc->uc_mcontext.gregs[REG_ESP] = greg_t(top - 4);
+    uc->uc_mcontext.gregs[REG_EBP] = 0;
+    uc->uc_mcontext.gregs[REG_EIP] = greg_t(entry);
+#elif defined(__aarch64__)
+    uc->uc_mcontext.sp = top;
+    uc->uc_mcontext.regs[29] = 0;
+    uc->uc_mcontext.regs[30] = 0;
+    uc->uc_mcontext.pc = entry;
+#endif
+    return true;
+}
+
 void onSignal(int sig, siginfo_t *info, void *context) {
-    const ucontext_t *uc = static_cast<const ucontext_t *>(context);
+    ucontext_t *uc = static_cast<ucontext_t *>(context);
     Fault f;
     f.address = uc ? instructionOf(uc) : nullptr;
     f.hasAccess = false;
@@ -154,6 +201,10 @@ void onSignal(int sig, siginfo_t *info, void *context) {
         f.write = uc && isWrite(uc);
         f.accessed = info->si_addr;
         break;
+    }
+    if (uc && resumeInContinuation(uc)) {
+        t_pendingFault = f;
+        return;
     }
     dispatch(f);
 }

@@ -1,6 +1,10 @@
 // The file system of the simulated device: CE paths mapped under DEVICE/fs, the storage volumes of
 // the profile, and the CE file API (files, find, attributes, folders, free space, file times).
 //
+// The entries live in a store: the host folder DEVICE/fs, or memory ([device] files = 'memory': a
+// copy of DEVICE/fs made when the device is made, never written back). The rules below are the
+// API's and hold for both; a file in memory is never read-only and its times are the host clock's.
+//
 // CE rules kept here:
 //   - "\" and "/" both separate; a name without a leading separator is taken from the root (CE has
 //     no current folder); "." is skipped and ".." goes up one level, never above the root.
@@ -31,11 +35,12 @@
 #include "device.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 
-#include <cerrno>
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -115,114 +120,459 @@ std::u16string joinCe(const std::vector<std::u16string> &parts, size_t n) {
     return out.empty() ? u"\\" : out;
 }
 
-// Where a CE path lies on the host.
-struct Where {
-    fs::path host;            // host path of the whole name
+// ---------------------------------------------------------------- host facts
+
+FILETIME fileTime(int64_t sec, int64_t nsec) {
+    // 100-ns intervals since 1 January 1601 (UTC); 11644473600 s lie between 1601 and 1970.
+    int64_t t = (sec + 11644473600LL) * 10000000LL + nsec / 100;
+    if (t < 0) t = 0;
+    FILETIME ft;
+    ft.dwLowDateTime = DWORD(uint64_t(t));
+    ft.dwHighDateTime = DWORD(uint64_t(t) >> 32);
+    return ft;
+}
+
+FILETIME nowFileTime() {
+    auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                  std::chrono::system_clock::now().time_since_epoch()).count();
+    return fileTime(ns / 1000000000, ns % 1000000000);
+}
+
+}  // namespace
+
+namespace sim {
+
+// Where a CE path lies in its store.
+struct FileWhere {
+    fs::path host;            // on the host: the host path of the whole name (empty in memory)
+    std::u16string key;       // in memory: the folded CE path ("" for the root)
     bool parentIsDir = false; // every component but the last exists and is a folder
     bool exists = false;
     bool isDir = false;
-    std::u16string ce;        // normalised: "\A\b" with the host's spelling of what exists
+    std::u16string ce;        // normalised: "\A\b" with the store's spelling of what exists
     bool isRoot = false;      // "\"
     std::u16string last;      // the last component as given
+    // The entry's identity across the stores (open files are tracked by it).
+    std::string id() const { return host.string() + "|" + utf8(key); }
 };
 
-// The type of a host file from its mode.
-fs::file_type typeOfMode(mode_t mode) {
-    if (S_ISREG(mode)) return fs::file_type::regular;
-    if (S_ISDIR(mode)) return fs::file_type::directory;
-    if (S_ISLNK(mode)) return fs::file_type::symlink;
-    if (S_ISBLK(mode)) return fs::file_type::block;
-    if (S_ISCHR(mode)) return fs::file_type::character;
-    if (S_ISFIFO(mode)) return fs::file_type::fifo;
-    if (S_ISSOCK(mode)) return fs::file_type::socket;
-    return fs::file_type::unknown;
-}
-
-// The type of what a host path names, a symbolic link followed: not_found when nothing is there,
-// none when it cannot be told (as std::filesystem::status gives them).
-fs::file_type statusType(const char *p) {
-    struct stat st;
-    if (::stat(p, &st) == 0) return typeOfMode(st.st_mode);
-    return errno == ENOENT || errno == ENOTDIR ? fs::file_type::not_found : fs::file_type::none;
-}
-
-// An entry of a host folder: its name and its type, a symbolic link followed.
-struct Entry {
-    std::string name;
-    fs::file_type type;
+struct FileFacts {
+    DWORD attributes = 0;
+    uint64_t size = 0;
+    FILETIME created{}, accessed{}, written{};
+    uint64_t inode = 0;
 };
 
-// Calls fn(name, d_type) for each entry of a host folder but "." and ".."; false when the folder
-// cannot be read. Plain getdents64 on the folder: a listing is one open, its reads and one close.
-template <class Fn> bool listFolder(const char *dir, Fn fn) {
-    const int fd = ::open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return false;
-    alignas(dirent64) char buf[4096];
-    ssize_t n;
-    while ((n = ::getdents64(fd, buf, sizeof buf)) > 0) {
-        for (ssize_t at = 0; at < n;) {
-            const auto *e = reinterpret_cast<const dirent64 *>(buf + at);
-            at += e->d_reclen;
-            if (std::strcmp(e->d_name, ".") && std::strcmp(e->d_name, "..")) fn(e->d_name, e->d_type);
-        }
-    }
-    ::close(fd);
-    return n == 0;
-}
+// One open file. Results are byte counts, or an errno value negated.
+class OpenFile {
+public:
+    virtual ~OpenFile() = default;
+    virtual int64_t read(void *buffer, size_t n, uint64_t at) = 0;
+    virtual int64_t write(const void *buffer, size_t n, uint64_t at) = 0;
+    virtual int64_t size() = 0;
+    virtual int truncate() = 0;   // to 0 bytes: 0 or an errno value
+};
 
-// The entry of a host folder that matches name without regard to case (exact spelling first, else
-// the first matching name in byte order). A path is resolved on nearly every call of the program, so
-// this asks the host as little as it can (one lstat for an exact spelling, else one listing) and
-// works on plain strings: std::filesystem splits a path into its parts at every step.
-std::optional<Entry> matchEntry(const std::string &dir, const std::u16string &name) {
+// Where the entries are kept. It finds, reads and changes them; the CE rules (names, errors,
+// volumes, sharing) are the API's. Results that can fail are 0 or an errno value.
+class FileStore {
+public:
+    virtual ~FileStore() = default;
+    virtual FileWhere locate(const std::vector<std::u16string> &parts) const = 0;
+    virtual bool facts(const FileWhere &w, FileFacts &out) const = 0;
+    // The entries of the folder that holds w's last component, with their facts.
+    virtual std::vector<std::pair<std::u16string, FileFacts>> siblings(const FileWhere &w) const = 0;
+    // create: a new file, EEXIST when there is one.
+    virtual std::shared_ptr<OpenFile> open(const FileWhere &w, bool write, bool create, int &error) = 0;
+    virtual int removeFile(const FileWhere &w) = 0;
+    virtual int makeFolder(const FileWhere &w) = 0;
+    virtual int removeFolder(const FileWhere &w) = 0;   // ENOTEMPTY when it holds anything
+    virtual bool park(const FileWhere &w, const fs::path &parked) = 0;
+    virtual bool unpark(const FileWhere &w, const fs::path &parked) = 0;
+};
+
+}  // namespace sim
+
+namespace {
+
+using Where = FileWhere;
+
+// The host entry of a folder that matches name without regard to case (exact spelling first).
+std::optional<std::string> matchEntry(const fs::path &dir, const std::u16string &name) {
+    std::error_code ec;
     std::string exact = utf8(name);
-    const std::string spelled = dir + '/' + exact;
-    struct stat st;
-    if (::lstat(spelled.c_str(), &st) == 0)
-        return Entry{exact, S_ISLNK(st.st_mode) ? statusType(spelled.c_str()) : typeOfMode(st.st_mode)};
-    std::vector<std::pair<std::string, unsigned char>> hits;
-    listFolder(dir.c_str(), [&](const char *entry, unsigned char type) {
-        if (sameName(fromUtf8(entry), name)) hits.emplace_back(entry, type);
-    });
+    if (fs::symlink_status(dir / exact, ec).type() != fs::file_type::not_found && !ec) return exact;
+    std::vector<std::string> hits;
+    for (fs::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
+        std::string entry = it->path().filename().string();
+        if (sameName(fromUtf8(entry), name)) hits.push_back(entry);
+    }
     if (hits.empty()) return std::nullopt;
     std::sort(hits.begin(), hits.end());
-    const auto &[hit, type] = hits.front();
-    if (type == DT_REG) return Entry{hit, fs::file_type::regular};
-    if (type == DT_DIR) return Entry{hit, fs::file_type::directory};
-    return Entry{hit, statusType((dir + '/' + hit).c_str())};
+    return hits.front();
 }
 
-Where locateParts(const fs::path &root, const std::vector<std::u16string> &parts) {
-    Where w;
-    w.isRoot = parts.empty();
-    std::string host = root.string();
-    std::vector<std::u16string> spelled;
-    // The type of what host names so far (not_found once a part is missing). The root's is asked for
-    // only when its first part is not found in it: when one is, the root is a folder.
-    fs::file_type type = parts.empty() ? statusType(host.c_str()) : fs::file_type::directory;
-    for (size_t i = 0; i < parts.size(); ++i) {
-        std::optional<Entry> entry;
-        if (type == fs::file_type::directory) entry = matchEntry(host, parts[i]);
-        if (i == 0 && !entry) type = statusType(root.c_str());
-        if (i + 1 == parts.size()) w.parentIsDir = type == fs::file_type::directory;
-        if (entry) {
-            host += '/' + entry->name;
-            spelled.push_back(fromUtf8(entry->name));
-            type = entry->type;
+bool hostFacts(const fs::path &p, FileFacts &out) {
+    struct statx sx;
+    if (::statx(AT_FDCWD, p.c_str(), AT_STATX_SYNC_AS_STAT, STATX_BASIC_STATS | STATX_BTIME, &sx) != 0)
+        return false;
+    bool dir = S_ISDIR(sx.stx_mode);
+    out.attributes = dir ? FILE_ATTRIBUTE_DIRECTORY : FILE_ATTRIBUTE_ARCHIVE;
+    if (!dir && !(sx.stx_mode & S_IWUSR)) out.attributes |= FILE_ATTRIBUTE_READONLY;
+    out.size = dir ? 0 : sx.stx_size;
+    out.written = fileTime(sx.stx_mtime.tv_sec, sx.stx_mtime.tv_nsec);
+    out.accessed = fileTime(sx.stx_atime.tv_sec, sx.stx_atime.tv_nsec);
+    out.created = (sx.stx_mask & STATX_BTIME) ? fileTime(sx.stx_btime.tv_sec, sx.stx_btime.tv_nsec)
+                                              : out.written;
+    out.inode = sx.stx_ino;
+    return true;
+}
+
+// ---------------------------------------------------------------- the host's folder DEVICE/fs
+
+class HostFile : public OpenFile {
+public:
+    explicit HostFile(int fd) : m_fd(fd) {}
+    ~HostFile() override { ::close(m_fd); }
+    int64_t read(void *buffer, size_t n, uint64_t at) override {
+        ssize_t r;
+        do r = ::pread(m_fd, buffer, n, off_t(at));
+        while (r < 0 && errno == EINTR);
+        return r < 0 ? -errno : r;
+    }
+    int64_t write(const void *buffer, size_t n, uint64_t at) override {
+        ssize_t r;
+        do r = ::pwrite(m_fd, buffer, n, off_t(at));
+        while (r < 0 && errno == EINTR);
+        return r < 0 ? -errno : r;
+    }
+    int64_t size() override {
+        struct stat st;
+        return ::fstat(m_fd, &st) != 0 ? -errno : int64_t(st.st_size);
+    }
+    int truncate() override { return ::ftruncate(m_fd, 0) != 0 ? errno : 0; }
+
+private:
+    int m_fd;
+};
+
+class HostStore : public FileStore {
+public:
+    explicit HostStore(fs::path root) : m_root(std::move(root)) {}
+
+    Where locate(const std::vector<std::u16string> &parts) const override {
+        Where w;
+        w.host = m_root;
+        w.isRoot = parts.empty();
+        std::vector<std::u16string> spelled;
+        bool present = true;   // the folder reached so far exists
+        std::error_code ec;
+        for (size_t i = 0; i < parts.size(); ++i) {
+            bool last = i + 1 == parts.size();
+            if (last) w.parentIsDir = present && fs::is_directory(w.host, ec);
+            std::optional<std::string> entry;
+            if (present && fs::is_directory(w.host, ec)) entry = matchEntry(w.host, parts[i]);
+            if (entry) {
+                w.host /= *entry;
+                spelled.push_back(fromUtf8(*entry));
+            } else {
+                w.host /= utf8(parts[i]);
+                spelled.push_back(parts[i]);
+                present = false;
+            }
+        }
+        if (parts.empty()) w.parentIsDir = true;
+        else w.last = parts.back();
+        fs::file_status st = fs::status(w.host, ec);
+        w.exists = present && !ec && st.type() != fs::file_type::not_found;
+        w.isDir = w.exists && fs::is_directory(st);
+        w.ce = joinCe(spelled, spelled.size());
+        return w;
+    }
+    bool facts(const Where &w, FileFacts &out) const override { return hostFacts(w.host, out); }
+    std::vector<std::pair<std::u16string, FileFacts>> siblings(const Where &w) const override {
+        std::vector<std::pair<std::u16string, FileFacts>> out;
+        const fs::path folder = w.host.parent_path();
+        std::error_code ec;
+        for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
+            FileFacts facts;
+            if (hostFacts(it->path(), facts))   // else gone meanwhile
+                out.emplace_back(fromUtf8(it->path().filename().string()), facts);
+        }
+        return out;
+    }
+    std::shared_ptr<OpenFile> open(const Where &w, bool write, bool create, int &error) override {
+        int flags = (write ? O_RDWR : O_RDONLY) | O_CLOEXEC | (create ? O_CREAT | O_EXCL : 0);
+        int fd = ::open(w.host.c_str(), flags, 0644);
+        if (fd < 0) {
+            error = errno;
+            return nullptr;
+        }
+        return std::make_shared<HostFile>(fd);
+    }
+    int removeFile(const Where &w) override { return ::unlink(w.host.c_str()) != 0 ? errno : 0; }
+    int makeFolder(const Where &w) override { return ::mkdir(w.host.c_str(), 0755) != 0 ? errno : 0; }
+    int removeFolder(const Where &w) override {
+        if (::rmdir(w.host.c_str()) == 0) return 0;
+        return errno == EEXIST ? ENOTEMPTY : errno;
+    }
+    bool park(const Where &w, const fs::path &parked) override {
+        std::error_code ec;
+        if (fs::exists(parked, ec)) fs::remove_all(parked, ec);   // a stale copy of an earlier run
+        fs::create_directories(parked.parent_path(), ec);
+        fs::rename(w.host, parked, ec);
+        if (ec) std::fprintf(stderr, "sim: cannot move %s aside: %s\n", w.host.c_str(), ec.message().c_str());
+        return !ec;
+    }
+    bool unpark(const Where &w, const fs::path &parked) override {
+        std::error_code ec;
+        if (!fs::is_directory(parked, ec)) return false;
+        fs::rename(parked, w.host, ec);
+        if (ec) std::fprintf(stderr, "sim: cannot move %s back: %s\n", parked.c_str(), ec.message().c_str());
+        return !ec;
+    }
+
+private:
+    fs::path m_root;
+};
+
+// ---------------------------------------------------------------- memory
+
+// A file's bytes, shared by its entry and the handles open on it.
+struct MemoryContent {
+    std::mutex m;
+    std::string bytes;
+    FILETIME accessed{}, written{};
+};
+
+struct MemoryEntry {
+    std::u16string name;                      // the last component as it was created
+    bool folder = false;
+    std::shared_ptr<MemoryContent> content;   // files only
+    FILETIME created{};
+    uint64_t inode = 0;
+};
+
+class MemoryFile : public OpenFile {
+public:
+    explicit MemoryFile(std::shared_ptr<MemoryContent> c) : m_c(std::move(c)) {}
+    int64_t read(void *buffer, size_t n, uint64_t at) override {
+        std::lock_guard<std::mutex> lock(m_c->m);
+        m_c->accessed = nowFileTime();
+        if (at >= m_c->bytes.size()) return 0;
+        n = std::min<uint64_t>(n, m_c->bytes.size() - at);
+        std::memcpy(buffer, m_c->bytes.data() + at, n);
+        return int64_t(n);
+    }
+    int64_t write(const void *buffer, size_t n, uint64_t at) override {
+        std::lock_guard<std::mutex> lock(m_c->m);
+        if (at + n > kMaxFile) return -EFBIG;
+        if (m_c->bytes.size() < at + n) m_c->bytes.resize(at + n);   // a gap reads as zeros
+        std::memcpy(&m_c->bytes[at], buffer, n);
+        m_c->written = m_c->accessed = nowFileTime();
+        return int64_t(n);
+    }
+    int64_t size() override {
+        std::lock_guard<std::mutex> lock(m_c->m);
+        return int64_t(m_c->bytes.size());
+    }
+    int truncate() override {
+        std::lock_guard<std::mutex> lock(m_c->m);
+        m_c->bytes.clear();
+        m_c->written = nowFileTime();
+        return 0;
+    }
+
+private:
+    static constexpr uint64_t kMaxFile = uint64_t(1) << 32;
+    std::shared_ptr<MemoryContent> m_c;
+};
+
+// Entries by folded CE path ("\my flash disk\a.txt"); the root ("") is always there. A folder's
+// entries are those whose key continues its own with "\" and one more component.
+class MemoryStore : public FileStore {
+public:
+    explicit MemoryStore(fs::path root) : m_root(std::move(root)) {}
+
+    Where locate(const std::vector<std::u16string> &parts) const override {
+        Where w;
+        w.isRoot = parts.empty();
+        bool present = true, folder = true;   // the entry reached so far
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (size_t i = 0; i < parts.size(); ++i) {
+            if (i + 1 == parts.size()) w.parentIsDir = present && folder;
+            w.key += u'\\';
+            for (char16_t c : parts[i]) w.key += fold(c);
+            auto it = present && folder ? m_entries.find(w.key) : m_entries.end();
+            present = it != m_entries.end();
+            if (present) folder = it->second.folder;
+            w.ce += u'\\';
+            w.ce += present ? it->second.name : parts[i];
+        }
+        if (parts.empty()) {
+            w.parentIsDir = true;
+            w.ce.push_back(u'\\');
         } else {
-            host += '/' + utf8(parts[i]);
-            spelled.push_back(parts[i]);
-            type = fs::file_type::not_found;
+            w.last = parts.back();
+        }
+        w.exists = present;
+        w.isDir = present && folder;
+        return w;
+    }
+    bool facts(const Where &w, FileFacts &out) const override {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (w.isRoot) {
+            out = FileFacts();
+            out.attributes = FILE_ATTRIBUTE_DIRECTORY;
+            return true;
+        }
+        auto it = m_entries.find(w.key);
+        return it != m_entries.end() && factsOf(it->second, out);
+    }
+    std::vector<std::pair<std::u16string, FileFacts>> siblings(const Where &w) const override {
+        std::vector<std::pair<std::u16string, FileFacts>> out;
+        const std::u16string prefix = w.key.substr(0, w.key.find_last_of(u'\\') + 1);
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (auto it = m_entries.lower_bound(prefix); it != m_entries.end(); ++it) {
+            if (it->first.compare(0, prefix.size(), prefix) != 0) break;
+            if (it->first.find(u'\\', prefix.size()) != std::u16string::npos) continue;
+            FileFacts facts;
+            factsOf(it->second, facts);
+            out.emplace_back(it->second.name, facts);
+        }
+        return out;
+    }
+    std::shared_ptr<OpenFile> open(const Where &w, bool write, bool create, int &error) override {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        auto it = m_entries.find(w.key);
+        if (create) {
+            if (it != m_entries.end()) {
+                error = EEXIST;
+                return nullptr;
+            }
+            MemoryEntry e = make(w.last, false);
+            e.content = std::make_shared<MemoryContent>();
+            e.content->accessed = e.content->written = e.created;
+            it = m_entries.emplace(w.key, std::move(e)).first;
+        } else if (it == m_entries.end() || it->second.folder) {
+            error = it == m_entries.end() ? ENOENT : EISDIR;
+            return nullptr;
+        }
+        return std::make_shared<MemoryFile>(it->second.content);
+    }
+    int removeFile(const Where &w) override {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_entries.erase(w.key) ? 0 : ENOENT;
+    }
+    int makeFolder(const Where &w) override {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_entries.emplace(w.key, make(w.last, true)).second ? 0 : EEXIST;
+    }
+    int removeFolder(const Where &w) override {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        auto below = m_entries.lower_bound(w.key + u'\\');
+        if (below != m_entries.end() && below->first.compare(0, w.key.size() + 1, w.key + u'\\') == 0)
+            return ENOTEMPTY;
+        return m_entries.erase(w.key) ? 0 : ENOENT;
+    }
+    bool park(const Where &w, const fs::path &parked) override {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        Subtree &aside = m_parked[parked.string()];
+        aside.clear();   // a stale copy of an earlier unmount
+        for (auto it = m_entries.lower_bound(w.key); it != m_entries.end();) {
+            if (it->first != w.key && it->first.compare(0, w.key.size() + 1, w.key + u'\\') != 0) break;
+            aside.emplace(it->first.substr(w.key.size()), std::move(it->second));
+            it = m_entries.erase(it);
+        }
+        return true;
+    }
+    bool unpark(const Where &w, const fs::path &parked) override {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        auto p = m_parked.find(parked.string());
+        if (p == m_parked.end()) return false;
+        for (auto &[rest, e] : p->second) {
+            if (rest.empty()) e.name = w.last;   // mounted under the name asked for
+            m_entries.emplace(w.key + rest, std::move(e));
+        }
+        m_parked.erase(p);
+        return true;
+    }
+
+    void save() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_saved = copy(m_entries);
+    }
+    void restore() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_entries = copy(m_saved);
+    }
+
+    // Copies the host folder's files and folders in (the store's first content).
+    void load(const fs::path &folder, const std::u16string &key = u"") {
+        std::error_code ec;
+        for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
+            std::u16string name = fromUtf8(it->path().filename().string()), sub = key + u'\\';
+            for (char16_t c : name) sub += fold(c);
+            MemoryEntry e = make(name, it->is_directory(ec));
+            if (!e.folder) {
+                e.content = std::make_shared<MemoryContent>();
+                std::ifstream in(it->path(), std::ios::binary);
+                e.content->bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+                e.content->accessed = e.content->written = e.created;
+            }
+            bool folder = e.folder;
+            m_entries.emplace(sub, std::move(e));
+            if (folder) load(it->path(), sub);
         }
     }
-    w.host = host;
-    if (parts.empty()) w.parentIsDir = true;
-    else w.last = parts.back();
-    w.exists = type != fs::file_type::not_found && type != fs::file_type::none;
-    w.isDir = type == fs::file_type::directory;
-    w.ce = joinCe(spelled, spelled.size());
-    return w;
-}
+
+private:
+    typedef std::map<std::u16string, MemoryEntry> Subtree;
+
+    MemoryEntry make(const std::u16string &name, bool folder) {
+        MemoryEntry e;
+        e.name = name;
+        e.folder = folder;
+        e.created = nowFileTime();
+        e.inode = ++m_inodes;
+        return e;
+    }
+    // The entries with contents of their own.
+    static Subtree copy(const Subtree &from) {
+        Subtree out = from;
+        for (auto &[key, e] : out) {
+            if (!e.content) continue;
+            const std::shared_ptr<MemoryContent> old = e.content;
+            e.content = std::make_shared<MemoryContent>();
+            std::lock_guard<std::mutex> lock(old->m);
+            e.content->bytes = old->bytes;
+            e.content->accessed = old->accessed;
+            e.content->written = old->written;
+        }
+        return out;
+    }
+    static bool factsOf(const MemoryEntry &e, FileFacts &out) {
+        out.attributes = e.folder ? FILE_ATTRIBUTE_DIRECTORY : FILE_ATTRIBUTE_ARCHIVE;
+        out.created = e.created;
+        out.inode = e.inode;
+        out.size = 0;
+        out.accessed = out.written = e.created;
+        if (e.content) {
+            std::lock_guard<std::mutex> lock(e.content->m);
+            out.size = e.content->bytes.size();
+            out.accessed = e.content->accessed;
+            out.written = e.content->written;
+        }
+        return true;
+    }
+
+    fs::path m_root;
+    mutable std::mutex m_mutex;
+    Subtree m_entries;
+    std::map<std::string, Subtree> m_parked;   // by the host path they stand for
+    Subtree m_saved;
+    uint64_t m_inodes = 0;
+};
 
 // Checks a name given to the API and locates it. On failure sets the last error and returns nullopt.
 std::optional<Where> locate(LPCWSTR name, bool wildcardsInLast = false) {
@@ -246,46 +596,11 @@ std::optional<Where> locate(LPCWSTR name, bool wildcardsInLast = false) {
             return std::nullopt;
         }
     }
-    return locateParts(dev().files().root(), parts);
+    return dev().files().store().locate(parts);
 }
 
 // The error for a name that does not exist.
 DWORD missingError(const Where &w) { return w.parentIsDir ? ERROR_FILE_NOT_FOUND : ERROR_PATH_NOT_FOUND; }
-
-// ---------------------------------------------------------------- host facts
-
-FILETIME fileTime(int64_t sec, int64_t nsec) {
-    // 100-ns intervals since 1 January 1601 (UTC); 11644473600 s lie between 1601 and 1970.
-    int64_t t = (sec + 11644473600LL) * 10000000LL + nsec / 100;
-    if (t < 0) t = 0;
-    FILETIME ft;
-    ft.dwLowDateTime = DWORD(uint64_t(t));
-    ft.dwHighDateTime = DWORD(uint64_t(t) >> 32);
-    return ft;
-}
-
-struct HostFacts {
-    DWORD attributes = 0;
-    uint64_t size = 0;
-    FILETIME created{}, accessed{}, written{};
-    uint64_t inode = 0;
-};
-
-bool hostFacts(const fs::path &p, HostFacts &out) {
-    struct statx sx;
-    if (::statx(AT_FDCWD, p.c_str(), AT_STATX_SYNC_AS_STAT, STATX_BASIC_STATS | STATX_BTIME, &sx) != 0)
-        return false;
-    bool dir = S_ISDIR(sx.stx_mode);
-    out.attributes = dir ? FILE_ATTRIBUTE_DIRECTORY : FILE_ATTRIBUTE_ARCHIVE;
-    if (!dir && !(sx.stx_mode & S_IWUSR)) out.attributes |= FILE_ATTRIBUTE_READONLY;
-    out.size = dir ? 0 : sx.stx_size;
-    out.written = fileTime(sx.stx_mtime.tv_sec, sx.stx_mtime.tv_nsec);
-    out.accessed = fileTime(sx.stx_atime.tv_sec, sx.stx_atime.tv_nsec);
-    out.created = (sx.stx_mask & STATX_BTIME) ? fileTime(sx.stx_btime.tv_sec, sx.stx_btime.tv_nsec)
-                                              : out.written;
-    out.inode = sx.stx_ino;
-    return true;
-}
 
 DWORD errnoToError(int e) {
     switch (e) {
@@ -302,36 +617,35 @@ DWORD errnoToError(int e) {
     }
 }
 
-// Files open through a handle, by host path: they cannot be deleted while open.
+// Files open through a handle, by their identity in the store: they cannot be deleted while open.
 std::mutex g_openMutex;
 std::map<std::string, int> g_open;
 
-void markOpen(const std::string &host, int delta) {
+void markOpen(const std::string &id, int delta) {
     std::lock_guard<std::mutex> lock(g_openMutex);
-    int &n = g_open[host];
+    int &n = g_open[id];
     n += delta;
-    if (n <= 0) g_open.erase(host);
+    if (n <= 0) g_open.erase(id);
 }
 
-bool isOpen(const std::string &host) {
+bool isOpen(const std::string &id) {
     std::lock_guard<std::mutex> lock(g_openMutex);
-    return g_open.count(host) != 0;
+    return g_open.count(id) != 0;
 }
 
 // ---------------------------------------------------------------- handle objects
 
 struct FileObject : Object {
-    int fd = -1;
+    std::shared_ptr<OpenFile> file;
     DWORD access = 0;
     uint64_t position = 0;
     uint64_t readMax = 0;      // the volume's limit per ReadFile, 0 for none
-    std::string host;
+    std::string id;           // the entry's identity, while open
     std::u16string ce;
     std::mutex m;
     const char *type() const override { return "file"; }
     ~FileObject() override {
-        if (fd >= 0) ::close(fd);
-        if (!host.empty()) markOpen(host, -1);
+        if (!id.empty()) markOpen(id, -1);
     }
 };
 
@@ -348,7 +662,7 @@ std::shared_ptr<FileObject> fileOf(HANDLE h) {
     return f;
 }
 
-void fillFindData(WIN32_FIND_DATAW &fd, const std::string &name, const HostFacts &facts) {
+void fillFindData(WIN32_FIND_DATAW &fd, const std::u16string &w, const FileFacts &facts) {
     std::memset(&fd, 0, sizeof fd);
     fd.dwFileAttributes = facts.attributes;
     fd.ftCreationTime = facts.created;
@@ -357,7 +671,6 @@ void fillFindData(WIN32_FIND_DATAW &fd, const std::string &name, const HostFacts
     fd.nFileSizeHigh = DWORD(facts.size >> 32);
     fd.nFileSizeLow = DWORD(facts.size);
     fd.dwOID = DWORD(facts.inode);
-    std::u16string w = fromUtf8(name);
     size_t n = std::min<size_t>(w.size(), MAX_PATH - 1);
     std::copy(w.begin(), w.begin() + long(n), fd.cFileName);
     fd.cFileName[n] = 0;
@@ -418,16 +731,96 @@ const int64_t kDays1601To1970 = 134774;
 
 namespace sim {
 
-FileSystem::FileSystem(fs::path root) : m_root(std::move(root)) {}
+FileSystem::FileSystem(fs::path root) : m_root(std::move(root)), m_store(std::make_unique<HostStore>(m_root)) {}
+
+FileSystem::~FileSystem() = default;
+
+void FileSystem::keepInMemory() {
+    if (m_inMemory) return;
+    auto memory = std::make_unique<MemoryStore>(m_root);
+    memory->load(m_root);
+    m_store = std::move(memory);
+    m_inMemory = true;
+}
+
+// An absolute CE path's place in the store; nullopt for a relative one.
+static std::optional<Where> placeOf(const FileStore &store, const std::u16string &cePath) {
+    if (cePath.empty() || !isSeparator(cePath[0])) return std::nullopt;
+    return store.locate(components(cePath));
+}
 
 std::optional<fs::path> FileSystem::resolve(const std::u16string &cePath) const {
-    if (cePath.empty() || !isSeparator(cePath[0])) return std::nullopt;
-    return locateParts(m_root, components(cePath)).host;
+    std::optional<Where> w = placeOf(*m_store, cePath);
+    if (!w) return std::nullopt;
+    if (!m_inMemory) return w->host;
+    fs::path host = m_root;
+    for (const std::u16string &part : components(w->ce)) host /= utf8(part);
+    return host;
 }
 
 bool FileSystem::exists(const std::u16string &cePath) const {
+    std::optional<Where> w = placeOf(*m_store, cePath);
+    return w && w->exists;
+}
+
+bool FileSystem::isFile(const std::u16string &cePath) const {
+    std::optional<Where> w = placeOf(*m_store, cePath);
+    return w && w->exists && !w->isDir;
+}
+
+std::optional<std::string> FileSystem::readFile(const std::u16string &cePath) const {
+    std::optional<Where> w = placeOf(*m_store, cePath);
+    int error = 0;
+    std::shared_ptr<OpenFile> f = w && w->exists ? m_store->open(*w, false, false, error) : nullptr;
+    if (!f) return std::nullopt;
+    std::string bytes(size_t(std::max<int64_t>(f->size(), 0)), '\0');
+    int64_t n = bytes.empty() ? 0 : f->read(&bytes[0], bytes.size(), 0);
+    if (n < 0) return std::nullopt;
+    bytes.resize(size_t(n));
+    return bytes;
+}
+
+bool FileSystem::makeFolders(const std::u16string &cePath) {
     if (cePath.empty() || !isSeparator(cePath[0])) return false;
-    return locateParts(m_root, components(cePath)).exists;
+    std::vector<std::u16string> path;
+    for (const std::u16string &part : components(cePath)) {
+        path.push_back(part);
+        Where step = m_store->locate(path);
+        if (step.exists ? !step.isDir : m_store->makeFolder(step) != 0) return false;
+    }
+    return true;
+}
+
+bool FileSystem::writeFile(const std::u16string &cePath, const std::string &bytes) {
+    if (cePath.empty() || !isSeparator(cePath[0])) return false;
+    std::vector<std::u16string> parts = components(cePath);
+    if (parts.empty() || !makeFolders(joinCe(parts, parts.size() - 1))) return false;
+    Where w = m_store->locate(parts);
+    int error = 0;
+    std::shared_ptr<OpenFile> f = w.isDir ? nullptr : m_store->open(w, true, !w.exists, error);
+    return f && f->truncate() == 0 && f->write(bytes.data(), bytes.size(), 0) == int64_t(bytes.size());
+}
+
+bool FileSystem::saveFiles() {
+    if (!m_inMemory) return false;
+    static_cast<MemoryStore &>(*m_store).save();
+    return true;
+}
+
+bool FileSystem::restoreFiles() {
+    if (!m_inMemory) return false;
+    static_cast<MemoryStore &>(*m_store).restore();
+    return true;
+}
+
+bool FileSystem::park(const std::u16string &cePath, const fs::path &parked) {
+    std::optional<Where> w = placeOf(*m_store, cePath);
+    return w && w->isDir && m_store->park(*w, parked);
+}
+
+bool FileSystem::unpark(const std::u16string &cePath, const fs::path &parked) {
+    std::optional<Where> w = placeOf(*m_store, cePath);
+    return w && !w->exists && w->parentIsDir && m_store->unpark(*w, parked);
 }
 
 void FileSystem::addVolume(const Volume &v) {
@@ -440,19 +833,47 @@ void FileSystem::addVolume(const Volume &v) {
         }
     }
     m_volumes.push_back(norm);
+    m_volumeParts.push_back(components(norm.root));
+}
+
+// Whether a CE path has no "." or ".." component (its components are those written).
+static bool plainPath(const std::u16string &ce) {
+    for (size_t at = 0; at < ce.size();) {
+        while (at < ce.size() && isSeparator(ce[at])) ++at;
+        size_t end = at;
+        while (end < ce.size() && !isSeparator(ce[end])) ++end;
+        if (ce.compare(at, end - at, u".") == 0 || ce.compare(at, end - at, u"..") == 0) return false;
+        at = end;
+    }
+    return true;
+}
+
+// Whether a plain CE path lies at or below root (its components).
+static bool underRoot(const std::u16string &ce, const std::vector<std::u16string> &root) {
+    size_t at = 0;
+    for (const std::u16string &name : root) {
+        while (at < ce.size() && isSeparator(ce[at])) ++at;
+        size_t end = at;
+        while (end < ce.size() && !isSeparator(ce[end])) ++end;
+        if (end - at != name.size()) return false;
+        for (size_t i = 0; i < name.size(); ++i)
+            if (fold(ce[at + i]) != fold(name[i])) return false;
+        at = end;
+    }
+    return true;
 }
 
 const FileSystem::Volume *FileSystem::volumeOf(const std::u16string &cePath) const {
-    std::vector<std::u16string> parts = components(cePath);
+    if (!plainPath(cePath)) {
+        std::vector<std::u16string> parts = components(cePath);
+        return volumeOf(joinCe(parts, parts.size()));
+    }
     const Volume *best = nullptr;
     size_t bestDepth = 0;
-    for (const Volume &v : m_volumes) {
-        std::vector<std::u16string> root = components(v.root);
-        if (root.size() > parts.size()) continue;
-        bool inside = true;
-        for (size_t i = 0; i < root.size() && inside; ++i) inside = sameName(root[i], parts[i]);
-        if (inside && (!best || root.size() >= bestDepth)) {
-            best = &v;
+    for (size_t k = 0; k < m_volumes.size(); ++k) {
+        const std::vector<std::u16string> &root = m_volumeParts[k];
+        if (underRoot(cePath, root) && (!best || root.size() >= bestDepth)) {
+            best = &m_volumes[k];
             bestDepth = root.size();
         }
     }
@@ -478,8 +899,8 @@ bool FileSystem::space(const std::u16string &cePath, Space &out) const {
         return true;
     }
     struct statvfs sv;
-    Where w = locateParts(m_root, components(cePath));
-    fs::path p = w.exists ? w.host : m_root;
+    Where w = m_store->locate(components(cePath));
+    fs::path p = w.exists && !m_inMemory ? w.host : m_root;
     if (::statvfs(p.c_str(), &sv) != 0) return false;
     out.total = ULONGLONG(sv.f_blocks) * sv.f_frsize;
     out.free = (v && v->full) ? 0 : ULONGLONG(sv.f_bfree) * sv.f_frsize;
@@ -487,10 +908,16 @@ bool FileSystem::space(const std::u16string &cePath, Space &out) const {
     return true;
 }
 
+// [device] files = 'disk' (default) or 'memory'.
 // [storage.'\My Flash Disk'] total = bytes, free = bytes, read_only = bool, full = bool,
 // read_max = bytes (the most one ReadFile gives, as from a medium that delivers in pieces).
-// Each declared volume's root folder is made under fs/ (the store is mounted).
+// Each declared volume's root folder is made (the store is mounted).
 void loadStorageProfile(Device &dev, const toml::table &profile) {
+    if (const toml::node *n = profile.at_path("device.files").node()) {
+        auto where = n->value<std::string>();
+        if (!where || (*where != "disk" && *where != "memory")) badProfile("device.files", "must be 'disk' or 'memory'");
+        if (*where == "memory") dev.files().keepInMemory();
+    }
     const toml::table *storage = profile["storage"].as_table();
     if (!storage) return;
     for (auto &&[key, node] : *storage) {
@@ -523,10 +950,7 @@ void loadStorageProfile(Device &dev, const toml::table &profile) {
         flag("read_only", v.readOnly);
         flag("full", v.full);
         dev.files().addVolume(v);
-        if (auto host = dev.files().resolve(joinCe(components(v.root), SIZE_MAX))) {
-            std::error_code ec;
-            fs::create_directories(*host, ec);
-        }
+        dev.files().makeFolders(joinCe(components(v.root), SIZE_MAX));
     }
 }
 
@@ -598,35 +1022,33 @@ HANDLE WINAPI CreateFileW(LPCWSTR name, DWORD access, DWORD /*share*/, LPSECURIT
         truncate = true;
         break;
     }
-    HostFacts facts;
-    bool readOnlyFile = w->exists && hostFacts(w->host, facts) && (facts.attributes & FILE_ATTRIBUTE_READONLY);
+    FileStore &store = files.store();
+    FileFacts facts;
+    bool readOnlyFile = w->exists && store.facts(*w, facts) && (facts.attributes & FILE_ATTRIBUTE_READONLY);
     if ((readOnlyVolume && (wantWrite || create || truncate)) || (readOnlyFile && (wantWrite || truncate))) {
         setLastError(ERROR_ACCESS_DENIED);
         return INVALID_HANDLE_VALUE;
     }
-    int flags = wantWrite ? O_RDWR : O_RDONLY;
-    if (create) flags |= O_CREAT | O_EXCL;
-    int fd = ::open(w->host.c_str(), flags | O_CLOEXEC, 0644);
-    if (fd < 0 && create && errno == EEXIST) {   // made by someone else in between
-        fd = ::open(w->host.c_str(), (flags & ~(O_CREAT | O_EXCL)) | O_CLOEXEC);
+    int error = 0;
+    std::shared_ptr<OpenFile> file = store.open(*w, wantWrite, create, error);
+    if (!file && create && error == EEXIST) {   // made by someone else in between
+        file = store.open(*w, wantWrite, false, error);
     }
-    if (fd < 0) {
-        setLastError(errnoToError(errno));
+    if (!file) {
+        setLastError(errnoToError(error));
         return INVALID_HANDLE_VALUE;
     }
-    if (truncate && ::ftruncate(fd, 0) != 0) {
-        DWORD e = errnoToError(errno);
-        ::close(fd);
-        setLastError(e);
+    if (truncate && (error = file->truncate()) != 0) {
+        setLastError(errnoToError(error));
         return INVALID_HANDLE_VALUE;
     }
     auto obj = std::make_shared<FileObject>();
-    obj->fd = fd;
+    obj->file = file;
     obj->access = access;
-    obj->host = w->host.string();
+    obj->id = w->id();
     obj->ce = w->ce;
     if (const FileSystem::Volume *v = dev().files().volumeOf(w->ce)) obj->readMax = v->readMax;
-    markOpen(obj->host, +1);
+    markOpen(obj->id, +1);
     HANDLE h = dev().objects().add(obj);
     setLastError(successError);
     return h;
@@ -649,10 +1071,9 @@ BOOL WINAPI ReadFile(HANDLE h, LPVOID buffer, DWORD toRead, LPDWORD read, LPOVER
     if (f->readMax && toRead > f->readMax) toRead = DWORD(f->readMax);
     DWORD done = 0;
     while (done < toRead) {
-        ssize_t n = ::pread(f->fd, static_cast<char *>(buffer) + done, toRead - done, off_t(f->position + done));
+        int64_t n = f->file->read(static_cast<char *>(buffer) + done, toRead - done, f->position + done);
         if (n < 0) {
-            if (errno == EINTR) continue;
-            setLastError(errnoToError(errno));
+            setLastError(errnoToError(int(-n)));
             return FALSE;
         }
         if (n == 0) break;
@@ -683,13 +1104,11 @@ BOOL WINAPI WriteFile(HANDLE h, LPCVOID buffer, DWORD toWrite, LPDWORD written, 
     std::lock_guard<std::mutex> lock(f->m);
     DWORD done = 0;
     while (done < toWrite) {
-        ssize_t n = ::pwrite(f->fd, static_cast<const char *>(buffer) + done, toWrite - done,
-                             off_t(f->position + done));
+        int64_t n = f->file->write(static_cast<const char *>(buffer) + done, toWrite - done, f->position + done);
         if (n < 0) {
-            if (errno == EINTR) continue;
             f->position += done;
             if (written) *written = done;
-            setLastError(errnoToError(errno));
+            setLastError(errnoToError(int(-n)));
             return FALSE;
         }
         done += DWORD(n);
@@ -711,12 +1130,12 @@ DWORD WINAPI SetFilePointer(HANDLE h, LONG distance, PLONG distanceHigh, DWORD m
     case FILE_BEGIN: base = 0; break;
     case FILE_CURRENT: base = int64_t(f->position); break;
     case FILE_END: {
-        struct stat st;
-        if (::fstat(f->fd, &st) != 0) {
-            setLastError(errnoToError(errno));
+        int64_t size = f->file->size();
+        if (size < 0) {
+            setLastError(errnoToError(int(-size)));
             return INVALID_SET_FILE_POINTER;
         }
-        base = st.st_size;
+        base = size;
         break;
     }
     default:
@@ -742,12 +1161,12 @@ DWORD WINAPI GetFileSize(HANDLE h, LPDWORD sizeHigh) {
     if (dev().injected("GetFileSize")) return INVALID_FILE_SIZE;
     std::shared_ptr<FileObject> f = fileOf(h);
     if (!f) return INVALID_FILE_SIZE;
-    struct stat st;
-    if (::fstat(f->fd, &st) != 0) {
-        setLastError(errnoToError(errno));
+    int64_t bytes = f->file->size();
+    if (bytes < 0) {
+        setLastError(errnoToError(int(-bytes)));
         return INVALID_FILE_SIZE;
     }
-    uint64_t size = uint64_t(st.st_size);
+    uint64_t size = uint64_t(bytes);
     if (sizeHigh) *sizeHigh = DWORD(size >> 32);
     setLastError(NO_ERROR);
     return DWORD(size);
@@ -767,18 +1186,19 @@ BOOL WINAPI DeleteFileW(LPCWSTR name) {
         setLastError(missingError(*w));
         return FALSE;
     }
-    HostFacts facts;
+    FileStore &store = dev().files().store();
+    FileFacts facts;
     if (w->isDir || w->isRoot || dev().files().readOnly(w->ce) ||
-        (hostFacts(w->host, facts) && (facts.attributes & FILE_ATTRIBUTE_READONLY))) {
+        (store.facts(*w, facts) && (facts.attributes & FILE_ATTRIBUTE_READONLY))) {
         setLastError(ERROR_ACCESS_DENIED);
         return FALSE;
     }
-    if (isOpen(w->host.string())) {
+    if (isOpen(w->id())) {
         setLastError(ERROR_SHARING_VIOLATION);
         return FALSE;
     }
-    if (::unlink(w->host.c_str()) != 0) {
-        setLastError(errnoToError(errno));
+    if (int error = store.removeFile(*w)) {
+        setLastError(errnoToError(error));
         return FALSE;
     }
     return TRUE;
@@ -802,29 +1222,20 @@ HANDLE WINAPI FindFirstFileW(LPCWSTR pattern, LPWIN32_FIND_DATAW data) {
     }
     std::u16string pat = w->last;
     bool wild = pat.find_first_of(u"*?") != std::u16string::npos;
-    if (!wild && !w->exists) {
-        // The lookup found no spelling of the name: the listing would find none either.
-        setLastError(ERROR_FILE_NOT_FOUND);
-        return INVALID_HANDLE_VALUE;
-    }
     if (pat == u"*.*") pat.assign(1, u'*');
-    fs::path folder = w->host.parent_path();
-    std::vector<std::string> names;
-    listFolder(folder.c_str(), [&](const char *entry, unsigned char) {
-        if (wildMatch(pat, fromUtf8(entry))) names.push_back(entry);
-    });
-    std::sort(names.begin(), names.end(), [](const std::string &a, const std::string &b) {
-        std::u16string x = fromUtf8(a), y = fromUtf8(b);
+    std::vector<std::pair<std::u16string, FileFacts>> found;
+    for (auto &entry : dev().files().store().siblings(*w))
+        if (wildMatch(pat, entry.first)) found.push_back(std::move(entry));
+    std::sort(found.begin(), found.end(), [](const auto &a, const auto &b) {
+        std::u16string x = a.first, y = b.first;
         for (char16_t &c : x) c = fold(c);
         for (char16_t &c : y) c = fold(c);
-        return x != y ? x < y : a < b;
+        return x != y ? x < y : a.first < b.first;
     });
     auto obj = std::make_shared<FindObject>();
-    for (const std::string &n : names) {
-        HostFacts facts;
-        if (!hostFacts(folder / n, facts)) continue;   // gone meanwhile
+    for (const auto &entry : found) {
         WIN32_FIND_DATAW fd;
-        fillFindData(fd, n, facts);
+        fillFindData(fd, entry.first, entry.second);
         obj->entries.push_back(fd);
     }
     if (obj->entries.empty()) {
@@ -869,8 +1280,8 @@ DWORD WINAPI GetFileAttributesW(LPCWSTR name) {
     if (dev().injected("GetFileAttributesW")) return INVALID_FILE_ATTRIBUTES;
     std::optional<Where> w = locate(name);
     if (!w) return INVALID_FILE_ATTRIBUTES;
-    HostFacts facts;
-    if (!w->exists || !hostFacts(w->host, facts)) {
+    FileFacts facts;
+    if (!w->exists || !dev().files().store().facts(*w, facts)) {
         setLastError(missingError(*w));
         return INVALID_FILE_ATTRIBUTES;
     }
@@ -893,8 +1304,8 @@ BOOL WINAPI CreateDirectoryW(LPCWSTR name, LPSECURITY_ATTRIBUTES) {
         setLastError(ERROR_ACCESS_DENIED);
         return FALSE;
     }
-    if (::mkdir(w->host.c_str(), 0755) != 0) {
-        setLastError(errnoToError(errno));
+    if (int error = dev().files().store().makeFolder(*w)) {
+        setLastError(errnoToError(error));
         return FALSE;
     }
     return TRUE;
@@ -918,8 +1329,8 @@ BOOL WINAPI RemoveDirectoryW(LPCWSTR name) {
         setLastError(ERROR_ACCESS_DENIED);
         return FALSE;
     }
-    if (::rmdir(w->host.c_str()) != 0) {
-        setLastError(errno == EEXIST ? ERROR_DIR_NOT_EMPTY : errnoToError(errno));
+    if (int error = dev().files().store().removeFolder(*w)) {
+        setLastError(errnoToError(error));
         return FALSE;
     }
     return TRUE;

@@ -123,20 +123,23 @@ Kernel::Kernel(Device &dev, const toml::table &profile) : m_dev(dev), m_memory(k
     }
 }
 
+// The input bytes go into the journal as hex (4 KiB for a hidden-disk format): only when it records.
 BOOL Kernel::fail(DWORD code, const void *in, DWORD inSize, DWORD error) {
-    m_dev.journal().write("ioctl", {{"code", hexCode(code)},
-                                    {"input", hexBytes(in, in ? inSize : 0)},
-                                    {"ok", false},
-                                    {"error", error}});
+    if (m_dev.journal().recording())
+        m_dev.journal().write("ioctl", {{"code", hexCode(code)},
+                                        {"input", hexBytes(in, in ? inSize : 0)},
+                                        {"ok", false},
+                                        {"error", error}});
     setLastError(error);
     return FALSE;
 }
 
 BOOL Kernel::succeed(DWORD code, const void *in, DWORD inSize) {
-    m_dev.journal().write("ioctl", {{"code", hexCode(code)},
-                                    {"input", hexBytes(in, in ? inSize : 0)},
-                                    {"ok", true},
-                                    {"error", 0}});
+    if (m_dev.journal().recording())
+        m_dev.journal().write("ioctl", {{"code", hexCode(code)},
+                                        {"input", hexBytes(in, in ? inSize : 0)},
+                                        {"ok", true},
+                                        {"error", 0}});
     return TRUE;
 }
 

@@ -240,9 +240,7 @@ HMODULE Libraries::load(const WCHAR *name) {
         bool found = false;
         for (const std::u16string &c : candidates) {
             if (c.empty() || !isSeparator(c[0])) continue;
-            auto host = m_dev.files().resolve(c);
-            std::error_code ec;
-            if (host && fs::is_regular_file(*host, ec)) {
+            if (m_dev.files().isFile(c)) {
                 found = true;
                 break;
             }

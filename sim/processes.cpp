@@ -48,11 +48,8 @@ bool programExists(const std::u16string &name) {
         tries.push_back(u"\\Windows\\" + file);
         tries.push_back(u"\\" + file);
     }
-    for (const auto &t : tries) {
-        auto host = dev().files().resolve(t);
-        std::error_code ec;
-        if (host && fs::is_regular_file(*host, ec)) return true;
-    }
+    for (const auto &t : tries)
+        if (dev().files().isFile(t)) return true;
     return false;
 }
 

@@ -105,9 +105,10 @@ void loadKey(Registry &reg, Registry::Key *key, const toml::table &table, const 
 
 // ---- the API's side ----
 
+// A handle holds its key: a removed key is freed when its last handle is closed.
 struct KeyObject : Object {
-    Registry::Key *key;
-    explicit KeyObject(Registry::Key *k) : key(k) {}
+    std::shared_ptr<Registry::Key> key;
+    explicit KeyObject(std::shared_ptr<Registry::Key> k) : key(std::move(k)) {}
     const char *type() const override { return "registry key"; }
 };
 
@@ -122,7 +123,7 @@ Registry::Key *keyOf(Device &d, HKEY h, LONG &err) {
     if (isPredefined(h)) {
         key = d.registry().root(h);
     } else if (auto obj = d.objects().getAs<KeyObject>(reinterpret_cast<HANDLE>(h))) {
-        key = obj->key;
+        key = obj->key.get();
     }
     if (!key) {
         err = ERROR_INVALID_HANDLE;
@@ -146,14 +147,14 @@ LONG openOrCreate(const char *call, HKEY hKey, LPCWSTR lpSubKey, bool create, PH
     Device &d = dev();
     if (auto e = d.failure(call)) return finish(LONG(*e));
     if (!phkResult) return finish(ERROR_INVALID_PARAMETER);
-    Registry::Key *key;
+    std::shared_ptr<Registry::Key> key;
     bool created = false;
     {
         std::lock_guard<std::mutex> lock(d.registry().mutex());
         LONG err = ERROR_SUCCESS;
         Registry::Key *from = keyOf(d, hKey, err);
         if (!from) return finish(err);
-        key = d.registry().openLocked(from, wide(lpSubKey), create, &created);
+        if (Registry::Key *k = d.registry().openLocked(from, wide(lpSubKey), create, &created)) key = k->shared_from_this();
     }
     if (!key) return finish(ERROR_FILE_NOT_FOUND);
     *phkResult = reinterpret_cast<HKEY>(d.objects().add(std::make_shared<KeyObject>(key)));
@@ -189,8 +190,7 @@ Registry::Key *Registry::Key::find(const std::string &name) const {
 
 Registry::Registry() {
     for (HKEY h : {HKEY_CLASSES_ROOT, HKEY_CURRENT_USER, HKEY_LOCAL_MACHINE, HKEY_USERS}) {
-        auto key = std::make_unique<Key>();
-        m_roots[reinterpret_cast<uintptr_t>(h)] = std::move(key);
+        m_roots[reinterpret_cast<uintptr_t>(h)] = std::make_shared<Key>();
     }
     m_roots[reinterpret_cast<uintptr_t>(HKEY_CLASSES_ROOT)]->name = "HKEY_CLASSES_ROOT";
     m_roots[reinterpret_cast<uintptr_t>(HKEY_CURRENT_USER)]->name = "HKEY_CURRENT_USER";
@@ -211,7 +211,7 @@ Registry::Key *Registry::openLocked(Key *from, const std::u16string &path, bool 
         Key *next = key->find(part);
         if (!next) {
             if (!create) return nullptr;
-            auto made = std::make_unique<Key>();
+            auto made = std::make_shared<Key>();
             made->name = part;
             next = made.get();
             key->subkeys.push_back(std::move(made));
@@ -275,8 +275,7 @@ void Registry::remove(const std::string &keyPath) {
     for (auto it = parent->subkeys.begin(); it != parent->subkeys.end(); ++it) {
         if (lower((*it)->name) == l) {
             markDeleted(it->get());
-            m_removed.push_back(std::move(*it));   // open handles may still point at it
-            parent->subkeys.erase(it);
+            parent->subkeys.erase(it);   // open handles keep it until they are closed
             return;
         }
     }

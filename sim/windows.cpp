@@ -28,6 +28,7 @@ constexpr size_t kEditDefaultLimit = 30000;
 constexpr uintptr_t kWindowBase = 0x40000000;
 constexpr uintptr_t kFontBase = 0x50000000;
 constexpr uintptr_t kStockBase = 0x5F000000;
+constexpr size_t kGoneKept = 64;   // destroyed windows kept for screen()
 
 // The record WM_CREATE carries in lParam (CREATESTRUCTW).
 struct CreateStruct {
@@ -83,6 +84,7 @@ struct Windows::Class {
     std::u16string name;
     WNDPROC proc;
     ATOM atom;
+    int stockBrush = -1;   // the background brush, when a stock brush
 };
 
 struct Windows::Window {
@@ -148,12 +150,27 @@ std::u16string Windows::panelText() const {
     return m_panel ? m_panel->text : std::u16string();
 }
 
+Windows::WindowInfo Windows::infoOf(const Window &w) {
+    return {w.hwnd, w.parent, utf8(w.cls->name), w.text, w.style, w.x, w.y, w.width, w.height, w.font,
+            w.cls->stockBrush};
+}
+
 std::vector<Windows::WindowInfo> Windows::windows() const {
     std::lock_guard<std::mutex> lock(m_mutex);
     std::vector<WindowInfo> out;
-    for (const auto &[h, w] : m_windows)
-        out.push_back({w->hwnd, w->parent, utf8(w->cls->name), w->text, w->style, w->x, w->y, w->width, w->height,
-                       w->font});
+    for (const auto &[h, w] : m_windows) out.push_back(infoOf(*w));
+    return out;
+}
+
+std::vector<Windows::WindowInfo> Windows::screen() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    std::vector<WindowInfo> out;
+    for (const auto &[h, w] : m_windows) out.push_back(infoOf(*w));
+    out.insert(out.end(), m_gone.begin(), m_gone.end());
+    // Handles only grow, so their order is the order of creation.
+    std::stable_sort(out.begin(), out.end(), [](const WindowInfo &a, const WindowInfo &b) {
+        return reinterpret_cast<uintptr_t>(a.hwnd) < reinterpret_cast<uintptr_t>(b.hwnd);
+    });
     return out;
 }
 
@@ -194,6 +211,9 @@ ATOM Windows::registerClass(const WNDCLASSW *wc) {
     auto c = std::make_shared<Class>();
     c->name = wide(wc->lpszClassName);
     c->proc = wc->lpfnWndProc;
+    const uintptr_t brush = reinterpret_cast<uintptr_t>(wc->hbrBackground);
+    if (brush >= kStockBase && (brush - kStockBase) % 4 == 0 && (brush - kStockBase) / 4 <= NULL_BRUSH)
+        c->stockBrush = int((brush - kStockBase) / 4);
     std::lock_guard<std::mutex> lock(m_mutex);
     // The program's classes come before the system's, so it may register "EDIT" over the control;
     // a name it registered already fails.
@@ -249,7 +269,7 @@ HWND Windows::createWindow(DWORD exStyle, LPCWSTR className, LPCWSTR title, DWOR
     }
     m_dev.journal().write("create_window", made);
     if (call(w, WM_CREATE, 0, reinterpret_cast<LPARAM>(&cs)) == -1) {
-        destroy(w);   // the procedure refused its creation
+        destroy(w, false);   // the procedure refused its creation: never shown
         return nullptr;
     }
     return w->hwnd;
@@ -257,7 +277,7 @@ HWND Windows::createWindow(DWORD exStyle, LPCWSTR className, LPCWSTR title, DWOR
 
 // WM_DESTROY goes to the window, then to its children and owned windows (which still exist while it
 // runs); then they all go, with the messages still posted to them.
-void Windows::destroy(const std::shared_ptr<Window> &root) {
+void Windows::destroy(const std::shared_ptr<Window> &root, bool shown) {
     std::vector<std::shared_ptr<Window>> tree;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -270,7 +290,10 @@ void Windows::destroy(const std::shared_ptr<Window> &root) {
     }
     for (const auto &w : tree) call(w, WM_DESTROY, 0, 0);
     std::lock_guard<std::mutex> lock(m_mutex);
-    for (const auto &w : tree) m_windows.erase(reinterpret_cast<uintptr_t>(w->hwnd));
+    for (const auto &w : tree) {
+        if (m_windows.erase(reinterpret_cast<uintptr_t>(w->hwnd)) && shown) m_gone.push_back(infoOf(*w));
+        if (m_gone.size() > kGoneKept) m_gone.pop_front();
+    }
 }
 
 BOOL Windows::destroyWindow(HWND hwnd) {

@@ -51,8 +51,13 @@ public:
         DWORD style;             // WS_VISIBLE follows ShowWindow
         int x, y, width, height;
         HFONT font;              // set by WM_SETFONT (controls only)
+        int stockBrush;          // the class's background brush as a stock brush index, -1 for none
     };
     std::vector<WindowInfo> windows() const;   // the windows that exist, in creation order
+    // What the screen shows, in creation order: the windows that exist and, among them, the last 64
+    // windows destroyed, as they were then. Nothing else draws on the simulated device (the programs
+    // it starts are stand-ins), so what a destroyed window showed stays on the screen.
+    std::vector<WindowInfo> screen() const;
     struct FontInfo {
         HFONT handle;
         std::u16string face;
@@ -89,6 +94,7 @@ public:
 private:
     struct Class;
     struct Window;
+    static WindowInfo infoOf(const Window &w);
     LRESULT controlFont(Window &w, UINT msg, WPARAM wParam);   // WM_SETFONT/WM_GETFONT of a control
     struct Sent;
     struct Queue;
@@ -96,7 +102,7 @@ private:
     std::shared_ptr<Window> find(HWND hwnd) const;
     std::shared_ptr<Class> findClass(LPCWSTR name) const;
     LRESULT call(const std::shared_ptr<Window> &w, UINT msg, WPARAM wParam, LPARAM lParam);
-    void destroy(const std::shared_ptr<Window> &w);
+    void destroy(const std::shared_ptr<Window> &w, bool shown = true);   // shown: it stays on screen()
     void handleSent(const std::shared_ptr<Sent> &s);
     bool takePostedLocked(Queue &q, HWND filter, UINT first, UINT last, MSG &out);
     void pressButtonLocked();
@@ -111,6 +117,7 @@ private:
     std::map<uintptr_t, std::shared_ptr<Window>> m_windows;   // by handle (handles only grow)
     uintptr_t m_nextWindow;
     std::shared_ptr<Window> m_panel;                        // the first EDIT control
+    std::deque<WindowInfo> m_gone;                          // the windows last destroyed, as they were
     std::vector<FontInfo> m_fonts;
     ATOM m_nextAtom = 0xC000;
 

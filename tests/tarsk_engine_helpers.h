@@ -6,6 +6,8 @@
 #include "platform/platform.h"
 #include "test_device.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -102,9 +104,12 @@ inline std::string slurp(const fs::path &p) {
     return ss.str();
 }
 
-// Runs a command line with stdout and stderr into files; returns the exit code.
+// Runs a command line with stdout and stderr into files; returns the exit code. A sanitizer's report
+// on the tool's stderr fails the test, whatever the exit code.
 inline int run(const std::string &cmd, const fs::path &out, const fs::path &err) {
     int status = std::system((cmd + " >" + quote(out.string()) + " 2>" + quote(err.string())).c_str());
+    const std::string errText = slurp(err);
+    if (errText.find("Sanitizer") != std::string::npos) ADD_FAILURE() << cmd << "\n" << errText;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 

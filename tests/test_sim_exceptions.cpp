@@ -49,6 +49,11 @@ __attribute__((noinline)) void injected() { sim::raiseAccessViolation(); }
 __attribute__((noinline)) void crashTable() { CreateEventW(NULL, FALSE, FALSE, NULL); }
 __attribute__((noinline)) void nullWrite() { *g_null = 1; }
 __attribute__((noinline)) void divideByZero() { g_zero = 7 / g_zero; }
+int writingFilter(EXCEPTION_POINTERS *p) {   // a real fault while the filters run
+    note("bad", p);
+    nullWrite();
+    return EXCEPTION_CONTINUE_SEARCH;
+}
 volatile int g_depth = 1 << 30;     // far deeper than the stack allows
 __attribute__((noinline)) int recurse(int n) {
     volatile char pad[1024];
@@ -111,6 +116,8 @@ TEST(SimExceptions, FaultRunsFiltersInnermostFirstThenEndsTheProcess) {
         {"guards left normally run no filter", "", guardsLeftThenFault, injected, false, av, ""},
         {"a fault inside a filter ends at once", "", guarded<injected, faultingFilter>, injected, false, av,
          "bad " + avSeen + "0 0 at=fault;"},
+        {"a real fault inside a filter ends at once", "", guarded<nullWrite, writingFilter>, nullWrite, true, av,
+         "bad " + avSeen + "1 0 at=fault;"},
     };
     for (const Row &r : rows) {
         SCOPED_TRACE(r.name);

@@ -1,5 +1,6 @@
 // The simulated device's file system and CE file API, held to the behaviour CE documents.
 #include "test_device.h"
+#include "devices.h"
 
 #include <gtest/gtest.h>
 
@@ -369,5 +370,88 @@ TEST(SimFiles, FileTimesConvertToAndFromSystemTimes) {
         SCOPED_TRACE(testing::PrintToString(fields(s)));
         SetLastError(0);
         EXPECT_EQ(errorOf(SystemTimeToFileTime(&s, &ft)), DWORD(ERROR_INVALID_PARAMETER));
+    }
+}
+
+// The calls the fuzz targets make, on a device whose files live in memory and on one whose files
+// live in its host folder: the same results, last errors, contents and listings. (A braced list is
+// evaluated in order, so each step's calls run as written.)
+TEST(SimFiles, FilesInMemoryBehaveAsFilesOnTheHost) {
+    auto join = [](std::initializer_list<std::string> parts) {
+        std::string out;
+        for (const std::string &p : parts) out += (out.empty() ? "" : " ") + p;
+        return out;
+    };
+    auto outcome = [](DWORD result) { return std::to_string(result) + "/" + std::to_string(GetLastError()); };
+    auto listing = [](const char *pattern) {
+        WIN32_FIND_DATAW fd;
+        HANDLE h = FindFirstFileW(W(pattern).c_str(), &fd);
+        if (h == INVALID_HANDLE_VALUE) return "error " + std::to_string(GetLastError());
+        std::string names;
+        do names += U(fd.cFileName) + (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY ? "/ " : " ");
+        while (FindNextFileW(h, &fd));
+        FindClose(h);
+        return names;
+    };
+    HANDLE h = INVALID_HANDLE_VALUE;
+    char buf[8] = {};
+    DWORD n = 0;
+    struct Step { const char *what; std::function<std::string(TestDevice &)> run; std::string expect; };
+    const Step steps[] = {
+        {"create, write, size", [&](TestDevice &) {
+             h = openFile("\\My Flash Disk\\New.XML", RW, CREATE_ALWAYS);
+             return join({outcome(writeText(h, "hello")), outcome(SetFilePointer(h, 0, NULL, FILE_END)),
+                          outcome(GetFileSize(h, NULL)), outcome(CloseHandle(h))});
+         }, "1/0 5/0 5/0 1/0"},
+        {"names match without regard to case", [&](TestDevice &t) { return t.get("\\my flash disk\\new.xml"); }, "hello"},
+        {"create always truncates", [&](TestDevice &) {
+             h = openFile("\\MY FLASH DISK\\new.xml", RW, CREATE_ALWAYS);
+             return join({outcome(h != INVALID_HANDLE_VALUE), outcome(GetFileSize(h, NULL)), outcome(CloseHandle(h)),
+                          listing("\\My Flash Disk\\n*")});
+         }, "1/183 0/0 1/0 New.XML "},
+        {"read, and write on a read handle", [&](TestDevice &t) {
+             t.put("\\My Flash Disk\\r.bin", "abc");
+             h = openFile("\\My Flash Disk\\r.bin", GENERIC_READ, OPEN_EXISTING);
+             return join({outcome(ReadFile(h, buf, sizeof buf, &n, NULL)), std::string(buf, n),
+                          outcome(WriteFile(h, "x", 1, &n, NULL))});
+         }, "1/0 abc 0/5"},
+        {"an open file stays, a closed one goes", [&](TestDevice &t) {
+             return join({outcome(DeleteFileW(u"\\My Flash Disk\\R.BIN")), outcome(CloseHandle(h)),
+                          outcome(DeleteFileW(u"\\My Flash Disk\\r.bin")), outcome(t.exists("\\My Flash Disk\\r.bin"))});
+         }, "0/32 1/32 1/32 0/32"},
+        {"missing file and path", [&](TestDevice &) {
+             return join({outcome(DeleteFileW(u"\\My Flash Disk\\gone")), outcome(DeleteFileW(u"\\Nope\\gone")),
+                          outcome(GetFileAttributesW(u"\\My Flash Disk\\gone")), outcome(opens("\\Nope\\x", RW, CREATE_ALWAYS))});
+         }, "0/2 0/3 4294967295/2 0/3"},
+        {"attributes", [&](TestDevice &) {
+             return join({outcome(GetFileAttributesW(u"\\my flash disk")), outcome(GetFileAttributesW(u"\\My Flash Disk\\new.xml"))});
+         }, "16/0 32/0"},
+        {"folders", [&](TestDevice &) {
+             return join({outcome(CreateDirectoryW(u"\\My Flash Disk\\Sub", NULL)),
+                          outcome(CreateDirectoryW(u"\\my flash disk\\sub", NULL)),
+                          outcome(opens("\\My Flash Disk\\sub\\f", RW, CREATE_NEW)),
+                          outcome(RemoveDirectoryW(u"\\My Flash Disk\\Sub")), outcome(DeleteFileW(u"\\My Flash Disk\\Sub\\F")),
+                          outcome(RemoveDirectoryW(u"\\My Flash Disk\\SUB")), outcome(GetFileAttributesW(u"\\My Flash Disk\\Sub"))});
+         }, "1/0 0/183 1/0 0/145 1/145 1/145 4294967295/2"},
+        {"listings in name order", [&](TestDevice &t) {
+             for (const char *name : {"b.txt", "A.txt", "c.bin", "D\\x"}) t.put(std::string("\\L\\") + name, "");
+             return join({listing("\\L\\*"), listing("\\l\\*.TXT"), listing("\\L\\*.doc")});
+         }, "A.txt b.txt c.bin D/  A.txt b.txt  error 18"},
+        {"the flash disk's folder goes and comes back with its files", [&](TestDevice &t) {
+             t.put("\\HDD\\keep.txt", "data");
+             HANDLE driver = reinterpret_cast<HANDLE>(uintptr_t(t.dev().devices().activeHandle()));
+             return join({outcome(DeactivateDevice(driver)), outcome(t.exists("\\HDD")),
+                          outcome(ActivateDevice(u"Drivers\\BuiltIn\\FDSK", 0) != NULL), t.get("\\hdd\\KEEP.TXT")});
+         }, "1/0 0/0 1/0 data"},
+    };
+    for (const char *files : {"disk", "memory"}) {
+        TestDevice t(std::string("[device]\nfiles = '") + files + "'\n[storage.'\\My Flash Disk']\n[flash_disk]\n");
+        EXPECT_EQ(t.dev().files().inMemory(), files == std::string("memory"));
+        for (const Step &s : steps) {
+            SetLastError(0);
+            EXPECT_EQ(s.run(t), s.expect) << files << ": " << s.what;
+        }
+        EXPECT_EQ(t.dev().objects().count(), 0u);
+        EXPECT_EQ(sim::fs::exists(t.folder() / "fs" / "My Flash Disk" / "New.XML"), files == std::string("disk"));
     }
 }

@@ -176,4 +176,21 @@ TEST(SimProcess, TerminateEndsWithTheCodeAfterTheJournaledEvents) {
     EXPECT_TRUE(lines[3]["event"] == "end" && lines[3]["reason"] == "exit") << lines[3];
 }
 
+// The end is the journal's last line: what another thread of the program writes while the process
+// ends is dropped.
+TEST(SimProcess, NothingIsJournaledAfterTheEnd) {
+    TestDevice d;
+    sim::Journal &j = d.dev().journal();
+    j.write("progress");
+    j.finish({{"exit", {{"code", 0}}}, {"end", {{"reason", "exit"}}}});
+    j.write("late");
+    std::vector<std::string> kept, inFile;
+    for (const auto &e : j.events()) kept.push_back(e["event"]);
+    std::ifstream in(j.file());
+    for (std::string line; std::getline(in, line);) inFile.push_back(nlohmann::json::parse(line)["event"]);
+    const std::vector<std::string> want = {"progress", "exit", "end"};
+    EXPECT_EQ(kept, want);
+    EXPECT_EQ(inFile, want);
+}
+
 TEST(SimDevice, MalformedProfileIsAClearError) { EXPECT_THROW(TestDevice td("[device\nprogram = "), std::runtime_error); }

@@ -140,10 +140,14 @@ TEST(SimRegistry, RemovedDriverKeysFailThroughOpenHandlesEvenWhileOthersRead) {
     TestDevice t(kProfile);
     sim::Registry &reg = t.dev().registry();
     HKEY key = openKey("Drivers\\Active\\01");
+    std::weak_ptr<sim::Registry::Key> removed =
+        reg.open(reg.root(HKEY_LOCAL_MACHINE), u"Drivers\\Active\\01", false)->shared_from_this();
     reg.remove("Drivers\\ACTIVE\\01");
     DWORD size = 0;
     EXPECT_EQ(1018, query(key, "Key", nullptr, &size));   // ERROR_KEY_DELETED
+    EXPECT_FALSE(removed.expired()) << "the open handle holds it";
     EXPECT_EQ(ERROR_SUCCESS, RegCloseKey(key));
+    EXPECT_TRUE(removed.expired()) << "freed with its last handle: a driver restarted all day does not grow";
     EXPECT_EQ(ERROR_FILE_NOT_FOUND, RegOpenKeyExW(HKEY_LOCAL_MACHINE, u"Drivers\\Active\\01", 0, 0, &key));
     reg.setString("Drivers\\Active\\01", "Name", u"DSK1:");   // made again, it is a new key
     EXPECT_FALSE(reg.value("Drivers\\Active\\01", "Key").has_value());

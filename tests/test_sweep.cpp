@@ -92,6 +92,7 @@ std::string problems(const Reference &r, const std::string &call, const Boot &b)
     auto add = [&out](const std::string &p) { out += (out.empty() ? "" : "; ") + p; };
     const std::string end = b.journal.empty() ? "" : b.journal.back().value("reason", "");
     if (b.rc == 124) add("hung");
+    else if (b.rc != (end == "crash" || end == "timeout" ? 1 : 0)) add("exit code " + std::to_string(b.rc));
     if (b.journal.empty() || b.journal.back().value("event", "") != "end") add("journal without an end");
     if (end == "timeout" && !kWaitsForPower.count(call)) add("timed out");
     if (end == "crash" || !eventsOf(b.journal, "exception").empty()) add("exception");

@@ -454,7 +454,7 @@ void XmlFilePrivate::freeTree()
 void XmlFilePrivate::destroy()
 {
     freeTree();
-    this->~XmlFilePrivate();
+    this->XmlFilePrivate::~XmlFilePrivate();
     XmlFilePrivate::operator delete(this);
 }
 
@@ -813,7 +813,7 @@ SHORT XmlNode::release()
 
 void XmlNode::destroy()
 {
-    this->~XmlNode();
+    this->XmlNode::~XmlNode();
     XmlNode::operator delete(this);
 }
 
@@ -1153,7 +1153,7 @@ void XmlChildList::destroy()
 {
     for (int i = 0; i < m_nCount; ++i) m_ppNodes[i]->release();
     if (m_ppNodes != NULL) os_free(m_ppNodes);
-    this->~XmlChildList();
+    this->XmlChildList::~XmlChildList();
     XmlChildList::operator delete(this);
 }
 

@@ -44,17 +44,11 @@ sim::fs::path TestDevice::host(const std::string &cePath) const {
 }
 
 void TestDevice::put(const std::string &cePath, const std::string &bytes) {
-    sim::fs::path p = host(cePath);
-    std::error_code ec;
-    sim::fs::create_directories(p.parent_path(), ec);
-    std::ofstream(p, std::ios::binary) << bytes;
+    if (!m_dev->files().writeFile(sim::fromUtf8(cePath), bytes)) std::abort();
 }
 
 std::string TestDevice::get(const std::string &cePath) const {
-    std::ifstream in(host(cePath), std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
+    return m_dev->files().readFile(sim::fromUtf8(cePath)).value_or("");
 }
 
 bool TestDevice::exists(const std::string &cePath) const { return m_dev->files().exists(sim::fromUtf8(cePath)); }

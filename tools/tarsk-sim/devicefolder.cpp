@@ -14,7 +14,21 @@ static const char *kDefaultProgram = "\\My Flash Disk\\tarsk.exe";
 
 [[noreturn]] void fail(int code, const std::string &text) { throw Failure{code, text}; }
 
-static fs::path defaultDeviceFolder() { return fs::path(TARSK_SOURCE_DIR) / "devices" / "default"; }
+// The default device, found from the tool's own location: installed, PREFIX/bin/tarsk-sim reads
+// PREFIX/share/tarsk/devices/default; in the build folder, BUILD/tarsk-sim reads
+// BUILD/share/tarsk/devices/default (a link to the source tree's copy, made at configure time).
+static fs::path defaultDeviceFolder() {
+    std::error_code ec;
+    fs::path bin = fs::read_symlink("/proc/self/exe", ec).parent_path();
+    if (ec) fail(2, "cannot find the default device: /proc/self/exe: " + ec.message());
+    const fs::path rel = fs::path("share") / "tarsk" / "devices" / "default";
+    for (const fs::path &base : {bin.parent_path(), bin}) {
+        fs::path folder = fs::canonical(base / rel, ec);
+        if (!ec && fs::is_regular_file(folder / "device.toml", ec)) return folder;
+    }
+    fail(2, "the default device is missing: no " + (bin.parent_path() / rel / "device.toml").string() + " nor " +
+                (bin / rel / "device.toml").string());
+}
 
 // The CE folder of a program path: everything before its last "\".
 static std::u16string ceFolderOf(const std::u16string &program) {
@@ -48,14 +62,12 @@ fs::path sealSample(const fs::path &device, const std::u16string &program) {
 // its package there.
 void writeDefaultDevice(const fs::path &dest) {
     fs::path from = defaultDeviceFolder();
-    if (!fs::is_regular_file(from / "device.toml"))
-        fail(2, "the default device is missing: no " + (from / "device.toml").string());
     std::error_code ec;
     fs::create_directories(dest, ec);
     if (ec) fail(2, "cannot make " + dest.string() + ": " + ec.message());
     fs::copy(from, dest, fs::copy_options::recursive, ec);
     if (ec) fail(2, "cannot copy the default device into " + dest.string() + ": " + ec.message());
-    fs::remove_all(dest / "run", ec);   // anything a run left in the source tree is not part of it
+    fs::remove_all(dest / "run", ec);   // anything a run left in the default device is not part of it
 
     toml::table profile;
     try {

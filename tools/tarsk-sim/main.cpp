@@ -1,24 +1,22 @@
 // tarsk-sim: runs the device program, or its upgrade engine alone, against a simulated device and
 // shows what the device would show and do.
 //
-//   tarsk-sim run [DEVICE] [--time-scale S] [--timeout SECONDS] [--journal FILE] [--seal] [--json]
+//   tarsk-sim run [DEVICE] [--time-scale S] [--timeout SECONDS] [--journal FILE] [--seal] [--screen-at MS]
+//                 [--json]
 //   tarsk-sim check [DEVICE] [--time-scale S] [--journal FILE] [--seal] [--json]
 //   tarsk-sim settings [DEVICE] [--json]
 //   tarsk-sim fleet PACKAGE DEVICE... [--seal] [--json | --csv] [--timeout SECONDS] [--jobs N]
 //   tarsk-sim new DIR
 //
 // Without DEVICE, run, check and settings work on a fresh copy of the built-in default device
-// (devices/default) with its sample descriptor sealed into the program's folder.
+// (share/tarsk/devices/default beside the tool's bin/ folder, or in the build folder) with its sample
+// descriptor sealed into the program's folder.
 #include "simtool.h"
 
 #include <CLI/CLI.hpp>
 
 #include <cstdlib>
 #include <iostream>
-
-#ifndef TARSK_SOURCE_DIR
-#error "TARSK_SOURCE_DIR must name the source tree (it holds devices/default)"
-#endif
 
 using namespace tarsk_sim;
 
@@ -60,6 +58,10 @@ int main(int argc, char **argv) {
                "time-out, 2 bad usage or a bad device folder");
     addDeviceOptions(runCmd, runOptions);
     runCmd->add_option("--timeout", runOptions.timeoutSeconds, "end the run after this many device seconds (600)")
+        ->check(nonNegative);
+    runCmd->add_option("--screen-at", runOptions.screenAtMs,
+                       "also picture the screen as it is at this device time (ms), into DEVICE/run/screen-at-MS.png "
+                       "(DEVICE/run/screen.png always shows the end); may be repeated")
         ->check(nonNegative);
 
     CLI::App *checkCmd = app.add_subcommand(

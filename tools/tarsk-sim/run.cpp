@@ -6,14 +6,20 @@
 // The run ends: "exit" when the program returns, "reset" on a reset request, "handed-over" when the
 // kernel has accepted the image request and the window thread next waits for a message, "crash"
 // when an exception ended the process, "timeout" at the time-out (device seconds).
+//
+// The screen as the run ends is drawn into DEVICE/run/screen.png; each --screen-at MS takes the
+// window manager's state at that device time (a clock event) and draws it, at the end, into
+// DEVICE/run/screen-at-MS.png.
 #include "simtool.h"
 
+#include "screen.h"
 #include "windows.h"
 #include "tarskupgrade/tarskupgrade.h"
 
 #include <cmath>
 #include <cstdio>
 #include <fstream>
+#include <mutex>
 #include <optional>
 
 namespace tarsk_sim {
@@ -28,6 +34,24 @@ int exitCodeFor(const std::string &reason) {
 void writePanel(sim::Device &dev, const fs::path &file) {
     std::ofstream out(file, std::ios::binary | std::ios::trunc);
     out << sim::utf8(dev.windows().panelText());
+}
+
+// The screen at a device time: taken by a clock event, drawn at the end.
+struct ScreenShot {
+    uint64_t ms;
+    fs::path file;
+    bool taken = false;
+    ScreenState state;
+};
+
+// Draws a picture into its file; what the summary says of it.
+std::string writeScreen(const ScreenState &state, const fs::path &file) {
+    std::string error, why;
+    const std::string png = screenPng(state, error);
+    if (png.empty()) return "not drawn: " + error;
+    if (!tarsk_tools::writeFileAtomic(file, tarsk_tools::Bytes(png.begin(), png.end()), why))
+        return "not written: " + why;
+    return file.string();
 }
 
 }  // namespace
@@ -54,6 +78,8 @@ void bootDevice(sim::Device &d, double timeoutSeconds, std::function<int(RunSumm
 int run(const RunOptions &o) {
     if (!(o.timeoutSeconds > 0) || o.timeoutSeconds > 4.0e6)
         fail(2, "--timeout must be a number of device seconds above 0");
+    for (double at : o.screenAtMs)
+        if (!(at >= 0 && at <= 4.0e9)) fail(2, "--screen-at must be a device time in ms from 0 to 4000000000");
     // Lives until the process ends: the end handler prints through it.
     static std::optional<JsonStdout> json;
     if (o.json) json.emplace();
@@ -64,9 +90,32 @@ int run(const RunOptions &o) {
     const std::vector<std::string> warnings = p.warnings;
     const std::string folder = p.folder.string();
 
-    bootDevice(d, o.timeoutSeconds, [&d, panel, folderNote, warnings, folder](RunSummary &s) {
+    // The pictures asked for: each taken by a clock event (on whichever thread moves the time on),
+    // all drawn by the end handler.
+    auto shots = std::make_shared<std::vector<ScreenShot>>();
+    auto shotsMutex = std::make_shared<std::mutex>();
+    for (double at : o.screenAtMs) {
+        const uint64_t ms = uint64_t(std::llround(at));
+        shots->push_back({ms, d.runDir() / ("screen-at-" + std::to_string(ms) + ".png"), false, {}});
+    }
+    for (size_t i = 0; i < shots->size(); ++i)
+        d.clock().at((*shots)[i].ms, [&d, shots, shotsMutex, i] {
+            std::lock_guard<std::mutex> lock(*shotsMutex);
+            (*shots)[i].state = screenState(d.windows());
+            (*shots)[i].taken = true;
+        });
+
+    bootDevice(d, o.timeoutSeconds, [&d, panel, folderNote, warnings, folder, shots, shotsMutex](RunSummary &s) {
         writePanel(d, panel);
         s.warnings = warnings;
+        s.screens.push_back("screen:         " + writeScreen(screenState(d.windows()), d.runDir() / "screen.png"));
+        {
+            std::lock_guard<std::mutex> lock(*shotsMutex);
+            for (const ScreenShot &shot : *shots)
+                s.screens.push_back("screen at " + std::to_string(shot.ms) + " ms: " +
+                                    (shot.taken ? writeScreen(shot.state, shot.file)
+                                                : "not reached (the run ended first)"));
+        }
         if (json) json->print(runJson(s, folder, panel.string()));
         else printRunSummary(s, panel.string(), folderNote);
         return exitCodeFor(s.end);

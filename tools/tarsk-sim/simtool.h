@@ -50,6 +50,7 @@ struct RunOptions {
     double timeoutSeconds = 600;
     bool seal = false;
     bool json = false;
+    std::vector<double> screenAtMs;   // run only: device times to picture the screen at, besides the end
 };
 // The device folder and the device for a command: the time scale, --seal, the note on a missing
 // package (printed, and kept in warnings with the profile's complaints).

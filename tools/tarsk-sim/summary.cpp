@@ -127,6 +127,7 @@ void printRunSummary(const RunSummary &s, const std::string &panel, const std::s
         std::printf("started:        %s (%s)\n", p.path.c_str(),
                     p.ok ? "ok" : ("failed, error " + std::to_string(p.error)).c_str());
     std::printf("panel:          %s\n", panel.c_str());
+    for (const std::string &line : s.screens) std::printf("%s\n", line.c_str());
     std::printf("journal:        %s\n", s.journal.c_str());
     if (!folderNote.empty()) std::printf("device folder:  %s\n", folderNote.c_str());
 }
@@ -149,6 +150,7 @@ ordered_json runJson(const RunSummary &s, const std::string &device, const std::
     j["starts"] = starts;
     j["warnings"] = s.warnings;
     j["panel"] = panel;
+    j["screens"] = s.screens;
     j["journal"] = s.journal;
     return j;
 }

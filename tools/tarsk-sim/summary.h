@@ -56,6 +56,8 @@ struct RunSummary {
     std::vector<ProcessStart> starts;
     std::vector<std::string> warnings;
     std::string journal;
+    // The pictures of the screen written at the end (tarsk-sim run): one summary line each.
+    std::vector<std::string> screens;
     // The follow-up program that started (the first start that succeeded), or empty.
     std::string started() const;
 };

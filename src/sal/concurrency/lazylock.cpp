@@ -27,7 +27,7 @@ void sal_lazyLockEnter(SalLazyLock *lock) {
             }
             InterlockedExchange(&lock->state, 2);
         } else {
-            while (lock->state != 2) Sleep(1);
+            while (lock->state != 2) Sleep(10);   /* another thread is making it */
         }
     }
     EnterCriticalSection(&lock->section);
