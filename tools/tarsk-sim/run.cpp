@@ -54,6 +54,19 @@ std::string writeScreen(const ScreenState &state, const fs::path &file) {
     return file.string();
 }
 
+// The program's entry, called below a reserved stretch of stack. On the device the process ends
+// the moment WinMain returns; here another device thread (the power monitor, whose callback record
+// lives in WinMain's frame) may still run for a moment while the end is written. What runs after
+// the entry uses the stack above the reserve, so WinMain's frame keeps its contents until the
+// process ends.
+__attribute__((noinline)) int enterProgram() {
+    volatile char reserve[256 * 1024];
+    reserve[0] = 0;
+    static WCHAR commandLine[] = {0};
+    return TarskEntry(reinterpret_cast<HINSTANCE>(uintptr_t(0x10000) + uintptr_t(reserve[0])), commandLine,
+                      SW_SHOW);
+}
+
 }  // namespace
 
 void bootDevice(sim::Device &d, double timeoutSeconds, std::function<int(RunSummary &summary)> onEnd) {
@@ -70,8 +83,7 @@ void bootDevice(sim::Device &d, double timeoutSeconds, std::function<int(RunSumm
     d.install();
 
     std::fflush(stdout);
-    static WCHAR commandLine[] = {0};
-    int code = TarskEntry(reinterpret_cast<HINSTANCE>(uintptr_t(0x10000)), commandLine, SW_SHOW);
+    int code = enterProgram();
     d.endProcess(UINT(code), "exit");
 }
 
