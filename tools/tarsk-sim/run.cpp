@@ -63,8 +63,9 @@ __attribute__((noinline)) int enterProgram() {
     volatile char reserve[256 * 1024];
     reserve[0] = 0;
     static WCHAR commandLine[] = {0};
-    return TarskEntry(reinterpret_cast<HINSTANCE>(uintptr_t(0x10000) + uintptr_t(reserve[0])), commandLine,
-                      SW_SHOW);
+    const int code = TarskEntry(reinterpret_cast<HINSTANCE>(uintptr_t(0x10000)), commandLine, SW_SHOW);
+    reserve[1] = 0;   // after the call, so the call is not made as a tail call that gives the reserve up
+    return code;
 }
 
 }  // namespace
